@@ -1,0 +1,171 @@
+// HTTP(S) transfers and WebSocket client connections.
+//
+// One handle is one libcurl easy transfer. Its life:
+//   Create -> InitHttpReq -> setters -> IHttpInterface::AddHttpReq -> notices
+//   -> IHttpInterface::DelHttpReq (back to idle; InitHttpReq may arm it again).
+// Create, InitHttpReq and the setters run on the application's thread, before
+// the add; the setters are not synchronised with the loop thread. Once added,
+// only Disconnect, SendWsData and DelHttpReq may be called from other threads;
+// the getters that read what the transfer writes (GetResponse, GetResponseCode)
+// belong to OnFinish, to a done function, or to the time after those.
+//
+// From a successful InitHttpReq until DelHttpReq has run, the handle keeps
+// itself alive: the application may drop its reference at any time, but must
+// delete every armed handle through the frame in the end.
+#pragma once
+
+#include <curl/system.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "netloop/NetloopExport.h"
+
+namespace netloop {
+
+class IHttpHandleInterface;
+
+// Done function of AddHttpReq / DelHttpReq: (handle, userData, result), result 0
+// done or -1 failed/cancelled. Runs on the loop thread. May be empty.
+using HttpDoneFunc = std::function<void(std::shared_ptr<IHttpHandleInterface>, void*, int)>;
+
+// What InitHttpReq arms.
+enum HttpReqType {
+    HTTP_REQ_GET = 0,        // GET
+    HTTP_REQ_POST = 1,       // POST; body through SetPostFields
+    HTTP_REQ_UPLOAD = 2,     // PUT over HTTP; body through SetUploadSize + OnUploadRead
+    HTTP_REQ_WEBSOCKET = 3,  // a ws:// or wss:// client connection
+};
+
+// WebSocket message types of SendWsData and OnWsData.
+enum WsMessageType {
+    WS_MSG_OTHER = 0,   // received only: a ping or pong that libcurl passes on
+    WS_MSG_TEXT = 1,
+    WS_MSG_BINARY = 2,
+    WS_MSG_CLOSE = 3,   // payload: 2-byte status code and reason, unparsed
+};
+
+// WebSocket connection events of OnWsState.
+enum WsState {
+    WS_STATE_OPEN = 0,     // the upgrade has completed
+    WS_STATE_FAILED = -1,  // the transfer ended before the connection opened
+    WS_STATE_CLOSED = -2,  // an open connection ended (server close, reset, time-out)
+};
+
+// Implemented by the application. Every call runs on the frame's loop thread.
+// OnWsData, OnProgress and OnUploadRead run inside libcurl: a DelHttpReq made
+// from there is carried out after the callback returns.
+class IHttpHandleNotic {
+public:
+    // A complete WebSocket message. `data` is valid for the call only and has no
+    // terminator; a message that arrived in one piece points into libcurl's buffer.
+    virtual void OnWsData(const char* data, size_t length, int type, void* userData) = 0;
+    // Transfer progress, after EnableProgress(true). `tag` and `url` are the
+    // handle's GetTag and GetUrl.
+    virtual void OnProgress(const char* tag, const char* url, curl_off_t dltotal, curl_off_t dlnow,
+                            curl_off_t ultotal, curl_off_t ulnow, void* userData) = 0;
+    // Upload data wanted: write up to size*nitems bytes into `buffer` and return
+    // the count; 0 ends the upload. Returned to libcurl unchanged, so libcurl's
+    // special values (CURL_READFUNC_ABORT, CURL_READFUNC_PAUSE) work too.
+    virtual size_t OnUploadRead(std::shared_ptr<IHttpHandleInterface> handle, char* buffer, size_t size,
+                                size_t nitems, void* userData) = 0;
+    // An HTTP transfer ended: `result` 0 when libcurl completed it (whatever the
+    // HTTP status; see GetResponseCode) and -2 for any libcurl failure (the code is
+    // in the log). Runs outside libcurl: DelHttpReq may run at once from here.
+    // WebSocket transfers never get OnFinish.
+    virtual void OnFinish(std::shared_ptr<IHttpHandleInterface> handle, int result, void* userData) = 0;
+    // WebSocket transfers only, once per event, outside libcurl: WS_STATE_OPEN when
+    // the upgrade completed, WS_STATE_FAILED when the transfer ended before it did,
+    // WS_STATE_CLOSED when an open connection ended. Not called when the
+    // application ended the transfer itself with DelHttpReq or Disconnect.
+    virtual void OnWsState(std::shared_ptr<IHttpHandleInterface> handle, int state, void* userData) {}
+    virtual ~IHttpHandleNotic() {}
+};
+
+class NETLOOP_EXPORT IHttpHandleInterface {
+public:
+    IHttpHandleInterface();
+    IHttpHandleInterface(const IHttpHandleInterface&);
+    IHttpHandleInterface& operator=(const IHttpHandleInterface&);
+
+    // Arms an idle handle: makes the easy handle and sets the fixed options
+    // (HTTP/2 over TLS, ALPN, TLS up to 1.3, no signals), the method of `reqType`,
+    // `connectTimeoutMs` and `timeoutMs` as libcurl takes them (0: libcurl's
+    // meaning), and pins the server's address when the process resolver has it at
+    // hand. `tag` (may be null) is the application's text for GetTag and
+    // OnProgress. `notic` may be empty. Returns 0, or -1 for a null `url`, a
+    // handle that is not idle, or an option libcurl refused (logged).
+    virtual int InitHttpReq(const char* url, const char* tag, int reqType, std::shared_ptr<IHttpHandleNotic> notic,
+                            int connectTimeoutMs, int timeoutMs, void* userData) = 0;
+
+    // Takes the transfer out of the frame's multi handle: aborts an HTTP transfer
+    // (no OnFinish) or drops a WebSocket connection without a close frame. The
+    // handle stays armed and can be added again. Any thread. -1 when not armed, or
+    // when the frame is not running (logged).
+    virtual int Disconnect() = 0;
+
+    // POST body, up to its first NUL; the handle keeps its own copy. POST handles
+    // only; -1 otherwise or for null.
+    virtual int SetPostFields(const char* fields) = 0;
+
+    // Attaches an object of the application's; the handle never looks at it. Any
+    // state; survives teardown and re-arming.
+    virtual void SetContext(std::shared_ptr<void> context) = 0;
+
+    // Sends one WebSocket message of `type` 1 (text), 2 (binary) or 3 (close).
+    // The handle keeps a reference to `data` and never copies it: leave the vector
+    // alone after the call. Messages go out whole and in call order; a message
+    // sent before the connection opened waits for it. On the loop thread with the
+    // connection open and nothing waiting, the message is written at once and
+    // `*sent` is what libcurl took; otherwise `*sent` is the whole size. Returns 0
+    // when handed on; -1 for a handle that is not an armed WebSocket with a frame,
+    // a null `sent`, an unknown type or a stopped frame (the last two logged).
+    virtual int SendWsData(std::shared_ptr<std::vector<uint8_t>> data, int type, size_t* sent) = 0;
+
+    // Writes libcurl's trace of this transfer to the log at level 0.
+    virtual int EnableVerbose() = 0;
+
+    // Sends the response body to the file `path` (emptied, created with its
+    // folders) instead of GetResponse. Closes the previous output file first. The
+    // file is complete after DelHttpReq or the next SetOutputFile. -1 when the
+    // file cannot be opened (logged); the response then goes to memory.
+    virtual int SetOutputFile(const char* path) = 0;
+
+    // Turns OnProgress on or off.
+    virtual int EnableProgress(bool enable) = 0;
+
+    // Server verification against the CA file or folder `caPath`; null turns
+    // verification off. Without a call libcurl's own CA store is used.
+    virtual int SetCaPath(const char* caPath) = 0;
+
+    // Request headers ("Name: value"). The strings are added to those of earlier
+    // calls on the same easy handle; GetHeaders gives the last list only.
+    virtual int SetHeaders(const std::list<std::string>& headers) = 0;
+
+    // Upload handles: the body size (-1 unknown) and OnUploadRead as its source.
+    virtual int SetUploadSize(curl_off_t size) = 0;
+
+    virtual void* GetUserData() = 0;
+    virtual const std::string& GetUrl() = 0;
+    virtual const std::string& GetTag() = 0;
+    // The response body kept in memory. Kept across teardown and appended to by a
+    // later transfer of the same handle.
+    virtual const std::string& GetResponse() = 0;
+    // The last HTTP status (0 before any response), or -1 when not armed.
+    virtual long GetResponseCode() = 0;
+    virtual void GetPostFields(std::string& out) = 0;
+    virtual void GetContext(std::shared_ptr<void>& out) = 0;
+    virtual void GetHeaders(std::list<std::string>& out) = 0;
+
+    virtual ~IHttpHandleInterface();
+
+    // A new idle handle. Any thread; needs no frame.
+    static std::shared_ptr<IHttpHandleInterface> Create();
+};
+
+}  // namespace netloop
