@@ -16,5 +16,8 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/netloopConfigVersion.cmak
 install(FILES ${PROJECT_BINARY_DIR}/netloopConfig.cmake ${PROJECT_BINARY_DIR}/netloopConfigVersion.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/netloop)
 
+# The .pc file finds its prefix from its own place, so an installed tree can move.
+file(RELATIVE_PATH NETLOOP_PC_TO_PREFIX "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
+string(REGEX REPLACE "/$" "" NETLOOP_PC_TO_PREFIX "${NETLOOP_PC_TO_PREFIX}")
 configure_file(${PROJECT_SOURCE_DIR}/cmake/netloop.pc.in ${PROJECT_BINARY_DIR}/netloop.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/netloop.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -46,11 +46,13 @@ add_backports() {
 }
 
 curl_has_ws() {
-  command -v curl-config >/dev/null 2>&1 && curl-config --protocols 2>/dev/null | grep -qx 'WS'
+  local protocols
+  protocols=$(curl-config --protocols 2>/dev/null) || return 1
+  grep -qx 'WS' <<<"$protocols"
 }
 
 pkgs=(libuv1-dev libboost-dev libssl-dev googletest libgtest-dev libbenchmark-dev
-      nginx-light wrk openssl pkg-config cmake g++ make valgrind)
+      nginx-light wrk openssl pkg-config cmake ninja-build g++ make valgrind)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

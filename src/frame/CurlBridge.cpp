@@ -1,1 +1,226 @@
-// placeholder
+// Runs libcurl's multi-socket interface on the frame's libuv loop: one poll
+// handle per socket libcurl wants watched, the frame's one timer for libcurl's
+// time-outs, and every event fed back through curl_multi_socket_action.
+#include <cstdlib>
+#include <cstring>
+
+#include "frame/CurlSocketRec.h"
+#include "frame/HttpFrame.h"
+#include "frame/NetLog.h"
+
+namespace netloop {
+namespace {
+
+struct MultiOption {
+    CURLMoption option;
+    long value;
+    const char* failure;
+};
+
+bool SetMultiOption(CURLM* multi, CURLMoption option, void* value, const char* failure) {
+    CURLMcode rc = curl_multi_setopt(multi, option, value);
+    if (rc == CURLM_OK) return true;
+    WriteNetLog(LOG_ERROR, failure, static_cast<int>(rc), curl_multi_strerror(rc));
+    return false;
+}
+
+int PollEventsOf(int action) {
+    switch (action) {
+        case CURL_POLL_IN:
+            return UV_READABLE;
+        case CURL_POLL_OUT:
+            return UV_WRITABLE;
+        default:
+            return UV_READABLE | UV_WRITABLE;
+    }
+}
+
+}  // namespace
+
+bool CHttpFrame::SetupMulti(bool enablePipelining) {
+    m_Multi = curl_multi_init();
+    // A null handle makes the first option fail, which reports it.
+    if (!SetMultiOption(m_Multi, CURLMOPT_SOCKETFUNCTION, reinterpret_cast<void*>(&CHttpFrame::HandleSocket),
+                        "[NETLOOP]err[%d:%s]curl_multi_setopt CURLMOPT_SOCKETFUNCTION failed") ||
+        !SetMultiOption(m_Multi, CURLMOPT_SOCKETDATA, this,
+                        "[NETLOOP]err[%d:%s]curl_multi_setopt CURLMOPT_SOCKETDATA failed") ||
+        !SetMultiOption(m_Multi, CURLMOPT_TIMERFUNCTION, reinterpret_cast<void*>(&CHttpFrame::StartTimeout),
+                        "[NETLOOP]err[%d:%s]curl_multi_setopt CURLMOPT_TIMERFUNCTION failed") ||
+        !SetMultiOption(m_Multi, CURLMOPT_TIMERDATA, this,
+                        "[NETLOOP]err[%d:%s]curl_multi_setopt CURLMOPT_TIMERDATA failed")) {
+        return false;
+    }
+    if (!enablePipelining) return true;
+
+    // Multiplexing with tight connection limits; each limit that libcurl
+    // refuses is only reported, the frame works on with libcurl's default.
+    static const MultiOption kPipelining[] = {
+        {CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX, "[NETLOOP]err[%d:%s]curl_multi_setopt CURLMOPT_PIPELINING failed"},
+        {CURLMOPT_MAX_PIPELINE_LENGTH, 50,
+         "[NETLOOP]err[%d:%s]curl_multi_setopt CURLMOPT_MAX_PIPELINE_LENGTH failed"},
+        {CURLMOPT_MAX_HOST_CONNECTIONS, 2,
+         "[NETLOOP]err[%d:%s]curl_multi_setopt CURLMOPT_MAX_HOST_CONNECTIONS failed"},
+        {CURLMOPT_MAX_TOTAL_CONNECTIONS, 10,
+         "[NETLOOP]err[%d:%s]curl_multi_setopt CURLMOPT_MAX_TOTAL_CONNECTIONS failed"},
+        {CURLMOPT_MAXCONNECTS, 4, "[NETLOOP]err[%d:%s]curl_multi_setopt CURLMOPT_MAXCONNECTS failed"},
+    };
+    for (const MultiOption& opt : kPipelining) {
+        CURLMcode rc = curl_multi_setopt(m_Multi, opt.option, opt.value);
+        if (rc != CURLM_OK) WriteNetLog(LOG_ERROR, opt.failure, static_cast<int>(rc), curl_multi_strerror(rc));
+    }
+    return true;
+}
+
+// ---------------------------------------------------------------------------
+// Sockets
+
+int CHttpFrame::HandleSocket(CURL* easy, curl_socket_t socket, int action, void* userp, void* socketp) {
+    auto* frame = static_cast<CHttpFrame*>(userp);
+    if (frame == nullptr) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]HandleSocket get null userdata");
+        return 0;
+    }
+    switch (action) {
+        case CURL_POLL_IN:
+        case CURL_POLL_OUT:
+        case CURL_POLL_INOUT:
+            return OnHandleSocket(frame, socket, action, socketp);
+        case CURL_POLL_REMOVE: {
+            if (socketp == nullptr) return 0;
+            auto* rec = static_cast<CurlSocketRec*>(socketp);
+            uv_poll_stop(&rec->m_Poll);
+            if (uv_is_closing(reinterpret_cast<uv_handle_t*>(&rec->m_Poll)) == 0)
+                uv_close(reinterpret_cast<uv_handle_t*>(&rec->m_Poll), FreeCurlSocketRec);
+            curl_multi_assign(frame->m_Multi, socket, nullptr);
+            return 0;
+        }
+        default:
+            WriteNetLog(LOG_ERROR, "[NETLOOP]HandleSocket Get default Action[%d]", action);
+            return 0;
+    }
+}
+
+int CHttpFrame::OnHandleSocket(CHttpFrame* frame, curl_socket_t socket, int action, void* socketp) {
+    auto* rec = static_cast<CurlSocketRec*>(socketp);
+    const bool made = rec == nullptr;
+    if (made) {
+        std::shared_ptr<uv_loop_t> loop = frame->m_Loop;
+        if (!loop) return 0;
+        rec = static_cast<CurlSocketRec*>(std::malloc(sizeof(CurlSocketRec)));
+        if (rec == nullptr) return 0;
+        rec->m_Socket = socket;
+        if (uv_poll_init_socket(loop.get(), &rec->m_Poll, socket) != 0) {
+            // libuv cannot watch this descriptor: leave it unwatched rather
+            // than poll a handle libuv never set up.
+            std::free(rec);
+            return 0;
+        }
+        rec->m_Poll.data = rec;
+        rec->m_Frame = frame;
+    }
+    CURLMcode rc = curl_multi_assign(frame->m_Multi, socket, rec);
+    if (rc != CURLM_OK) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl_multi_assign failed while OnHandleSocket",
+                    static_cast<int>(rc), curl_multi_strerror(rc));
+        // A record made in this call is known to nobody now.
+        if (made) uv_close(reinterpret_cast<uv_handle_t*>(&rec->m_Poll), FreeCurlSocketRec);
+        return -1;
+    }
+    uv_poll_start(&rec->m_Poll, PollEventsOf(action), CurlPerform);
+    return 0;
+}
+
+void CHttpFrame::CurlPerform(uv_poll_t* poll, int status, int events) {
+    auto* rec = static_cast<CurlSocketRec*>(poll->data);
+    // libcurl may remove the socket inside the call below; the record is not
+    // touched after it.
+    CHttpFrame* frame = rec->m_Frame;
+    curl_socket_t socket = rec->m_Socket;
+    int mask = 0;
+    if (events & UV_READABLE) mask |= CURL_CSELECT_IN;
+    if (events & UV_WRITABLE) mask |= CURL_CSELECT_OUT;
+    int running = 0;
+    CURLMcode rc = curl_multi_socket_action(frame->m_Multi, socket, mask, &running);
+    if (rc != CURLM_OK)
+        WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl_multi_socket_action failed while CurlPerform",
+                    static_cast<int>(rc), curl_multi_strerror(rc));
+    frame->CheckMultiInfo();
+}
+
+void CHttpFrame::FreeCurlSocketRec(uv_handle_t* handle) { std::free(handle->data); }
+
+// ---------------------------------------------------------------------------
+// Time-outs
+
+int CHttpFrame::StartTimeout(CURLM*, long timeoutMs, void* userp) {
+    auto* frame = static_cast<CHttpFrame*>(userp);
+    if (frame == nullptr) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]StartTimeout get null userdata");
+        return 0;
+    }
+    if (timeoutMs < 0) {
+        uv_timer_stop(&frame->m_Timer);
+        return 0;
+    }
+    // libcurl's 0 means "as soon as possible"; a 1 ms timer keeps that off the
+    // current call stack.
+    uint64_t timeout = timeoutMs == 0 ? 1 : static_cast<uint64_t>(timeoutMs);
+    uv_timer_start(&frame->m_Timer, OnTimeout, timeout, 0);
+    return 0;
+}
+
+void CHttpFrame::OnTimeout(uv_timer_t* timer) {
+    auto* frame = static_cast<CHttpFrame*>(timer->data);
+    int running = 0;
+    CURLMcode rc = curl_multi_socket_action(frame->m_Multi, CURL_SOCKET_TIMEOUT, 0, &running);
+    if (rc != CURLM_OK)
+        WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl_multi_socket_action failed while OnTimeout",
+                    static_cast<int>(rc), curl_multi_strerror(rc));
+    frame->CheckMultiInfo();
+}
+
+// ---------------------------------------------------------------------------
+// Finished transfers
+
+void CHttpFrame::CheckMultiInfo() {
+    int left = 0;
+    while (CURLMsg* msg = curl_multi_info_read(m_Multi, &left)) {
+        if (msg->msg != CURLMSG_DONE) {
+            WriteNetLog(LOG_ERROR, "[NETLOOP]CheckMultiInfo get default message[%d]", static_cast<int>(msg->msg));
+            continue;
+        }
+        CURL* easy = msg->easy_handle;
+        CURLcode result = msg->data.result;
+        CURLMcode rc = curl_multi_remove_handle(m_Multi, easy);
+        if (rc != CURLM_OK)
+            WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl_multi_remove_handle failed while CheckMultiInfo",
+                        static_cast<int>(rc), curl_multi_strerror(rc));
+        char* scheme = nullptr;
+        curl_easy_getinfo(easy, CURLINFO_SCHEME, &scheme);
+        if (scheme != nullptr && (std::strcmp(scheme, "ws") == 0 || std::strcmp(scheme, "wss") == 0)) continue;
+        FinishHttpReq(easy, result);
+    }
+}
+
+void CHttpFrame::FinishHttpReq(CURL* easy, CURLcode result) {
+    char* url = nullptr;
+    CURLcode rc = curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &url);
+    if (rc != CURLE_OK) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl_easy_getinfo CURLINFO_EFFECTIVE_URL failed while FinishHttpReq",
+                    static_cast<int>(rc), curl_easy_strerror(rc));
+    } else {
+        WriteNetLog(result == CURLE_OK ? LOG_ROUTINE : LOG_ERROR, "[NETLOOP]%s DONE result[%d:%s]",
+                    url != nullptr ? url : "", static_cast<int>(result), curl_easy_strerror(result));
+    }
+    void* holder = nullptr;
+    rc = curl_easy_getinfo(easy, CURLINFO_PRIVATE, &holder);
+    if (rc != CURLE_OK) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl_easy_getinfo CURLINFO_PRIVATE failed while FinishHttpReq",
+                    static_cast<int>(rc), curl_easy_strerror(rc));
+        return;
+    }
+    if (holder == nullptr) return;
+    // The finish notice is delivered by the HTTP handle, which owns the holder.
+}
+
+}  // namespace netloop

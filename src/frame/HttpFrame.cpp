@@ -1,1 +1,365 @@
-// placeholder
+#include "frame/HttpFrame.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#ifndef _WIN32
+#include <unistd.h>
+#endif
+
+#include "frame/NetLog.h"
+
+namespace netloop {
+namespace {
+
+constexpr auto kPollInterval = std::chrono::milliseconds(10);
+
+// Closes a frame handle that libuv knows and is not closing yet. A handle that
+// was never initialised still has the zeroed loop pointer and is left alone.
+void CloseFrameHandle(uv_handle_t* handle) {
+    if (handle->loop != nullptr && uv_is_closing(handle) == 0) uv_close(handle, nullptr);
+}
+
+// libuv 1.44 keeps its epoll descriptor when uv_loop_init fails after creating
+// it (its failure path closes only the inotify descriptor). Later releases close
+// it and leave -1, so this is a no-op there.
+void ReleaseFailedLoop(uv_loop_t* loop) {
+#ifndef _WIN32
+    if (loop->backend_fd >= 0) {
+        ::close(loop->backend_fd);
+        loop->backend_fd = -1;
+    }
+#endif
+}
+
+}  // namespace
+
+CHttpFrame::CHttpFrame() {
+    std::memset(&m_StopAsync, 0, sizeof(m_StopAsync));
+    std::memset(&m_Timer, 0, sizeof(m_Timer));
+    std::memset(&m_ReqAsync, 0, sizeof(m_ReqAsync));
+}
+
+CHttpFrame::~CHttpFrame() {
+    if (m_Thread.joinable()) {
+        m_Thread.detach();
+    } else if (m_State.load() == FrameReady) {
+        // Set up but never run: nobody else will release the loop, the multi
+        // handle and the share.
+        ReleaseLoopResources();
+    }
+    m_AsynOperReqList.clear();
+    m_Loop.reset();
+    m_Notice.reset();
+}
+
+// ---------------------------------------------------------------------------
+// Set-up
+
+int CHttpFrame::Init(std::shared_ptr<IHttpFrameNotic> notice, bool enablePipelining, bool enableShare,
+                     void* userData) {
+    int32_t expected = FrameIdle;
+    if (!m_State.compare_exchange_strong(expected, FrameIniting)) return -1;
+
+    if (!InitLoopHandles() || !SetupMulti(enablePipelining) || (enableShare && !SetupShare())) {
+        ReleaseLoopResources();
+        m_State.exchange(FrameIdle);
+        return -1;
+    }
+    m_Notice = std::move(notice);
+    m_UserData = userData;
+    m_State.exchange(FrameReady);
+    return 0;
+}
+
+bool CHttpFrame::InitLoopHandles() {
+    // A frame that ran before still holds the old handles' bytes.
+    std::memset(&m_StopAsync, 0, sizeof(m_StopAsync));
+    std::memset(&m_Timer, 0, sizeof(m_Timer));
+    std::memset(&m_ReqAsync, 0, sizeof(m_ReqAsync));
+
+    m_Loop.reset(static_cast<uv_loop_t*>(std::malloc(sizeof(uv_loop_t))), std::free);
+    int rc = m_Loop ? uv_loop_init(m_Loop.get()) : UV_ENOMEM;
+    if (rc != 0) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]uv_loop_init failed", rc, uv_strerror(rc));
+        if (m_Loop) ReleaseFailedLoop(m_Loop.get());
+        m_Loop.reset();
+        return false;
+    }
+    m_Timer.data = this;
+    rc = uv_timer_init(m_Loop.get(), &m_Timer);
+    if (rc != 0) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]uv_timer_init failed", rc, uv_strerror(rc));
+        return false;
+    }
+    m_StopAsync.data = this;
+    rc = uv_async_init(m_Loop.get(), &m_StopAsync, OnStop);
+    if (rc != 0) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]Stop async init failed", rc, uv_strerror(rc));
+        return false;
+    }
+    m_ReqAsync.data = this;
+    rc = uv_async_init(m_Loop.get(), &m_ReqAsync, OnAsynOperReq);
+    if (rc != 0) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]Req async init failed", rc, uv_strerror(rc));
+        return false;
+    }
+    return true;
+}
+
+void CHttpFrame::ReleaseLoopResources() {
+    if (m_Share != nullptr) {
+        curl_share_cleanup(m_Share);
+        m_Share = nullptr;
+    }
+    if (m_Multi != nullptr) {
+        curl_multi_cleanup(m_Multi);
+        m_Multi = nullptr;
+    }
+    if (m_Loop) {
+        CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_Timer));
+        CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_StopAsync));
+        CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_ReqAsync));
+        // One more pass completes the closes begun above and those that
+        // curl_multi_cleanup began for its sockets, so no handle memory is left
+        // behind when the loop goes.
+        uv_run(m_Loop.get(), UV_RUN_NOWAIT);
+        uv_loop_close(m_Loop.get());
+        m_Loop.reset();
+    }
+}
+
+void CHttpFrame::Uninit() {
+    int32_t expected = FrameReady;
+    if (!m_State.compare_exchange_strong(expected, FrameClosing)) return;
+    ReleaseLoopResources();
+    m_State.exchange(FrameIdle);
+}
+
+// ---------------------------------------------------------------------------
+// The loop thread
+
+int CHttpFrame::Start(bool wait) {
+    if (m_State.load() != FrameReady) return -1;
+    if (m_Thread.joinable()) return 0;
+    // The thread gets its own strong reference before it exists, so the frame
+    // outlives it even if the caller drops the frame right after Start.
+    m_Thread = std::thread(&CHttpFrame::FrameThread, this, shared_from_this());
+    if (!wait) return 0;
+    while (!ReadRunning()) std::this_thread::sleep_for(kPollInterval);
+    return 0;
+}
+
+bool CHttpFrame::ReadRunning() {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    return m_Running.load();
+}
+
+bool CHttpFrame::WaitRunning(int32_t timeoutMs) {
+    for (;;) {
+        if (ReadRunning()) return true;
+        std::this_thread::sleep_for(kPollInterval);
+        timeoutMs -= 10;
+        if (timeoutMs <= 0) return false;
+    }
+}
+
+void CHttpFrame::FrameThread(std::shared_ptr<CHttpFrame> self) {
+    WriteNetLog(LOG_ROUTINE, "[NETLOOP]FrameThread Start");
+    sysutil::SetThreadName("Http");
+    m_Tid.store(sysutil::GetTid(), std::memory_order_release);
+
+    uv_prepare_t prepare;
+    uv_prepare_init(m_Loop.get(), &prepare);
+    prepare.data = this;
+    uv_prepare_start(&prepare, OnPrepare);
+
+    int rc = uv_run(m_Loop.get(), UV_RUN_DEFAULT);
+    if (rc != 0) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]uv_run failed", rc, uv_strerror(rc));
+        return;
+    }
+    WriteNetLog(LOG_ROUTINE, "[NETLOOP]FrameThread Stop");
+    WriteNetLog(LOG_ROUTINE, "[NETLOOP]m_AsynOperReqList size[%zu]", m_AsynOperReqList.size());
+    if (m_Notice) {
+        m_Notice->OnFrameStop(self, m_UserData);
+        m_Notice.reset();
+        m_UserData = nullptr;
+    }
+    Uninit();
+}
+
+void CHttpFrame::OnPrepare(uv_prepare_t* handle) {
+    auto* frame = static_cast<CHttpFrame*>(handle->data);
+    {
+        std::lock_guard<std::mutex> lock(frame->m_Mutex);
+        frame->m_Running.store(true);
+    }
+    uv_prepare_stop(handle);
+    // The handle lives on the loop thread's stack for the whole uv_run; closing
+    // it now leaves nothing of it for the loop to hold at the end.
+    uv_close(reinterpret_cast<uv_handle_t*>(handle), nullptr);
+}
+
+// ---------------------------------------------------------------------------
+// Stop
+
+int CHttpFrame::Stop(bool forceAsyn) {
+    if (m_State.load() != FrameReady || !m_Running.load()) return -1;
+    const bool onLoop = IsLoopThread();
+    if (onLoop && !forceAsyn) {
+        OnStop(&m_StopAsync);
+    } else {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        if (m_Running.load()) {
+            int rc = uv_async_send(&m_StopAsync);
+            if (rc != 0) {
+                WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]uv_async_send failed while stop HttpFrame", rc,
+                            uv_strerror(rc));
+                return -1;
+            }
+        }
+    }
+    if (!m_Thread.joinable()) return 0;
+    if (onLoop) {
+        m_Thread.detach();
+    } else {
+        m_Thread.join();
+    }
+    return 0;
+}
+
+void CHttpFrame::OnStop(uv_async_t* handle) {
+    WriteNetLog(LOG_ROUTINE, "[NETLOOP]%s", "netloop::CHttpFrame::OnStop");
+    if (handle == nullptr || handle->data == nullptr) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]OnStop Get NULL rAsync or data");
+        return;
+    }
+    static_cast<CHttpFrame*>(handle->data)->StopOnLoop(handle);
+}
+
+void CHttpFrame::StopOnLoop(uv_async_t*) {
+    {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        m_Running.store(false);
+        // Queued adds are answered with -1 and dropped; everything else stays
+        // and runs below, so deletes still reach their handles.
+        auto cancelled = [](const std::shared_ptr<AsynOperReq>& oper) { return oper->m_Oper->CancelAsynOper(oper); };
+        m_AsynOperReqList.erase(std::remove_if(m_AsynOperReqList.begin(), m_AsynOperReqList.end(), cancelled),
+                                m_AsynOperReqList.end());
+    }
+    RunAsynOperReqs();
+    CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_Timer));
+    CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_StopAsync));
+    CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_ReqAsync));
+}
+
+// ---------------------------------------------------------------------------
+// The operation queue
+
+void CHttpFrame::OnAsynOperReq(uv_async_t* handle) { static_cast<CHttpFrame*>(handle->data)->RunAsynOperReqs(); }
+
+void CHttpFrame::RunAsynOperReqs() {
+    std::vector<std::shared_ptr<AsynOperReq>> batch;
+    {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        batch.swap(m_AsynOperReqList);
+    }
+    if (batch.empty()) return;
+    std::shared_ptr<CHttpFrame> self = shared_from_this();
+    for (auto& oper : batch) oper->m_Oper->DoAsynOper(oper, self);
+    // Hand the grown storage back so producers do not regrow it every wake-up.
+    batch.clear();
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    if (m_AsynOperReqList.empty()) m_AsynOperReqList.swap(batch);
+}
+
+void CHttpFrame::PostAsynOper(std::shared_ptr<AsynOperReq> oper) {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    if (!m_Running.load()) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]Can not add timer req now");
+        return;
+    }
+    m_AsynOperReqList.push_back(std::move(oper));
+    uv_async_send(&m_ReqAsync);
+}
+
+int CHttpFrame::SubmitOper(std::shared_ptr<AsynOperReq> oper, bool forceAsyn) {
+    if (!forceAsyn && IsLoopThread()) {
+        IAsynOperInterface* target = oper->m_Oper.get();
+        return target->DoAsynOper(std::move(oper), shared_from_this());
+    }
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    if (!m_Running.load()) return -1;
+    m_AsynOperReqList.push_back(std::move(oper));
+    uv_async_send(&m_ReqAsync);
+    return 0;
+}
+
+template <typename Req, typename Handle, typename Done>
+int CHttpFrame::SubmitHandleOper(AsynOperType type, const std::shared_ptr<Handle>& handle, bool forceAsyn,
+                                 Done&& done, void* userData) {
+    // Only handles made by the library's own factories carry the queue side;
+    // anything else is refused rather than trusted.
+    std::shared_ptr<IAsynOperInterface> target = std::dynamic_pointer_cast<IAsynOperInterface>(handle);
+    if (!target) return -1;
+    auto oper = std::make_shared<Req>();
+    oper->m_Type = type;
+    oper->m_Oper = std::move(target);
+    oper->m_UserData = userData;
+    oper->m_Done = std::forward<Done>(done);
+    return SubmitOper(std::move(oper), forceAsyn);
+}
+
+int CHttpFrame::AddHttpReq(std::shared_ptr<IHttpHandleInterface> handle, bool forceAsyn, HttpDoneFunc done,
+                           void* userData) {
+    if (!handle) return -1;
+    if (!m_Running.load()) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]Can not add http req now");
+        return -1;
+    }
+    WriteNetLog(LOG_ROUTINE, "[NETLOOP]add http handle[%p] [%d]", static_cast<void*>(handle.get()),
+                static_cast<int>(forceAsyn));
+    return SubmitHandleOper<AsynHttpReq>(OperAddHttp, handle, forceAsyn, std::move(done), userData);
+}
+
+int CHttpFrame::DelHttpReq(std::shared_ptr<IHttpHandleInterface> handle, bool forceAsyn, HttpDoneFunc done,
+                           void* userData) {
+    if (!handle) return -1;
+    return SubmitHandleOper<AsynHttpReq>(OperDelHttp, handle, forceAsyn, std::move(done), userData);
+}
+
+int CHttpFrame::AddTimerReq(std::shared_ptr<ITimerHandleInterface> handle, bool forceAsyn, TimerDoneFunc done,
+                            void* userData) {
+    if (!handle) return -1;
+    if (!m_Running.load()) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]Can not add timer req now");
+        return -1;
+    }
+    return SubmitHandleOper<AsynTimerReq>(OperAddTimer, handle, forceAsyn, std::move(done), userData);
+}
+
+int CHttpFrame::DelTimerReq(std::shared_ptr<ITimerHandleInterface> handle, bool forceAsyn, TimerDoneFunc done,
+                            void* userData) {
+    if (!handle) return -1;
+    return SubmitHandleOper<AsynTimerReq>(OperDelTimer, handle, forceAsyn, std::move(done), userData);
+}
+
+int CHttpFrame::AddUdpReq(std::shared_ptr<IUdpHandleInterface> handle, bool forceAsyn, UdpDoneFunc done,
+                          void* userData) {
+    if (!handle) return -1;
+    if (!m_Running.load()) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]Can not add udp req now");
+        return -1;
+    }
+    return SubmitHandleOper<AsynUdpReq>(OperAddUdp, handle, forceAsyn, std::move(done), userData);
+}
+
+int CHttpFrame::DelUdpReq(std::shared_ptr<IUdpHandleInterface> handle, bool forceAsyn, UdpDoneFunc done,
+                          void* userData) {
+    if (!handle) return -1;
+    return SubmitHandleOper<AsynUdpReq>(OperDelUdp, handle, forceAsyn, std::move(done), userData);
+}
+
+}  // namespace netloop

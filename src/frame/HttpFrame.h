@@ -1,0 +1,123 @@
+// CHttpFrame: one libuv loop on a thread of its own, one libcurl multi handle
+// and, on request, one libcurl share. Application threads reach the loop only
+// through the operation queue; everything that touches libuv or libcurl runs on
+// the loop thread.
+#pragma once
+
+#include <curl/curl.h>
+#include <uv.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "frame/AsynOperReq.h"
+#include "netloop/IHttpInterface.h"
+#include "sysutil/sysutil.h"
+
+namespace netloop {
+
+enum FrameState : int32_t {
+    FrameIdle = 0,     // nothing set up; Init may run
+    FrameIniting = 1,  // Init is at work
+    FrameReady = 2,    // set up; stays so for the whole life of the loop thread
+    FrameClosing = 3,  // Uninit is at work
+};
+
+// libcurl names at most this many kinds of shared data; one mutex serves each.
+constexpr int kShareLockCount = CURL_LOCK_DATA_LAST;
+static_assert(kShareLockCount >= 8, "libcurl headers older than expected");
+
+class CHttpFrame : public std::enable_shared_from_this<CHttpFrame>, public IHttpInterface {
+public:
+    CHttpFrame();
+    ~CHttpFrame() override;
+
+    int Init(std::shared_ptr<IHttpFrameNotic> notice, bool enablePipelining, bool enableShare,
+             void* userData) override;
+    int Start(bool wait) override;
+    bool WaitRunning(int32_t timeoutMs) override;
+    int Stop(bool forceAsyn) override;
+
+    int AddHttpReq(std::shared_ptr<IHttpHandleInterface> handle, bool forceAsyn, HttpDoneFunc done,
+                   void* userData) override;
+    int DelHttpReq(std::shared_ptr<IHttpHandleInterface> handle, bool forceAsyn, HttpDoneFunc done,
+                   void* userData) override;
+    int AddTimerReq(std::shared_ptr<ITimerHandleInterface> handle, bool forceAsyn, TimerDoneFunc done,
+                    void* userData) override;
+    int DelTimerReq(std::shared_ptr<ITimerHandleInterface> handle, bool forceAsyn, TimerDoneFunc done,
+                    void* userData) override;
+    int AddUdpReq(std::shared_ptr<IUdpHandleInterface> handle, bool forceAsyn, UdpDoneFunc done,
+                  void* userData) override;
+    int DelUdpReq(std::shared_ptr<IUdpHandleInterface> handle, bool forceAsyn, UdpDoneFunc done,
+                  void* userData) override;
+
+    // Queues a ready-made record from a handle. Always queues, also on the loop
+    // thread; refused (logged, record dropped) once the loop is stopping.
+    void PostAsynOper(std::shared_ptr<AsynOperReq> oper);
+
+    // True on the frame's loop thread.
+    bool IsLoopThread() const { return m_Tid.load(std::memory_order_acquire) == sysutil::GetTid(); }
+
+    // libuv callbacks of the frame's own handles.
+    static void OnPrepare(uv_prepare_t* handle);
+    static void OnStop(uv_async_t* handle);
+    static void OnAsynOperReq(uv_async_t* handle);
+
+    // The libcurl multi bridge (CurlBridge.cpp).
+    static int HandleSocket(CURL* easy, curl_socket_t socket, int action, void* userp, void* socketp);
+    static int OnHandleSocket(CHttpFrame* frame, curl_socket_t socket, int action, void* socketp);
+    static int StartTimeout(CURLM* multi, long timeoutMs, void* userp);
+    static void OnTimeout(uv_timer_t* timer);
+    static void CurlPerform(uv_poll_t* poll, int status, int events);
+    static void FreeCurlSocketRec(uv_handle_t* handle);
+    void CheckMultiInfo();
+    void FinishHttpReq(CURL* easy, CURLcode result);
+
+    // The libcurl share locks (ShareLocks.cpp).
+    static void OnShareLock(CURL* handle, curl_lock_data data, curl_lock_access access, void* userptr);
+    static void OnShareUnLock(CURL* handle, curl_lock_data data, void* userptr);
+
+    // The fields below are read by the handle classes directly; all but the
+    // atomics belong to the loop thread once the loop runs.
+    std::atomic<int32_t> m_State{FrameIdle};
+    std::thread m_Thread;
+    std::atomic<int32_t> m_Tid{0};
+    std::shared_ptr<IHttpFrameNotic> m_Notice;
+    void* m_UserData = nullptr;
+    std::shared_ptr<uv_loop_t> m_Loop;
+    uv_async_t m_StopAsync;
+    uv_timer_t m_Timer;
+    uv_async_t m_ReqAsync;
+    std::atomic<bool> m_Running{false};
+    std::mutex m_Mutex;
+    std::vector<std::shared_ptr<AsynOperReq>> m_AsynOperReqList;
+    CURLM* m_Multi = nullptr;
+    CURLSH* m_Share = nullptr;
+    std::mutex m_ShareMutex[kShareLockCount];
+
+private:
+    void FrameThread(std::shared_ptr<CHttpFrame> self);
+    void StopOnLoop(uv_async_t* handle);
+    void RunAsynOperReqs();
+    void Uninit();
+    // Releases share, multi handle, the frame's libuv handles and the loop,
+    // whichever of them exist. Used by Uninit, a failed Init and the destructor.
+    void ReleaseLoopResources();
+    bool InitLoopHandles();
+    bool SetupMulti(bool enablePipelining);
+    bool SetupShare();
+    bool ReadRunning();
+
+    // The common road of the six Add/Del operations: build the record, run it at
+    // once on the loop thread or queue it.
+    template <typename Req, typename Handle, typename Done>
+    int SubmitHandleOper(AsynOperType type, const std::shared_ptr<Handle>& handle, bool forceAsyn, Done&& done,
+                         void* userData);
+    int SubmitOper(std::shared_ptr<AsynOperReq> oper, bool forceAsyn);
+};
+
+}  // namespace netloop
