@@ -3,10 +3,12 @@
 // time-outs, and every event fed back through curl_multi_socket_action.
 #include <cstdlib>
 #include <cstring>
+#include <strings.h>
 
 #include "frame/CurlSocketRec.h"
 #include "frame/HttpFrame.h"
 #include "frame/NetLog.h"
+#include "http/HttpHandle.h"
 
 namespace netloop {
 namespace {
@@ -139,8 +141,7 @@ void CHttpFrame::CurlPerform(uv_poll_t* poll, int status, int events) {
     int mask = 0;
     if (events & UV_READABLE) mask |= CURL_CSELECT_IN;
     if (events & UV_WRITABLE) mask |= CURL_CSELECT_OUT;
-    int running = 0;
-    CURLMcode rc = curl_multi_socket_action(frame->m_Multi, socket, mask, &running);
+    CURLMcode rc = frame->SocketAction(socket, mask);
     if (rc != CURLM_OK)
         WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl_multi_socket_action failed while CurlPerform",
                     static_cast<int>(rc), curl_multi_strerror(rc));
@@ -148,6 +149,16 @@ void CHttpFrame::CurlPerform(uv_poll_t* poll, int status, int events) {
 }
 
 void CHttpFrame::FreeCurlSocketRec(uv_handle_t* handle) { std::free(handle->data); }
+
+// Every libcurl call that may reach the application's notices goes through
+// here, so the frame knows when it is inside libcurl.
+CURLMcode CHttpFrame::SocketAction(curl_socket_t socket, int mask) {
+    int running = 0;
+    ++m_CurlDepth;
+    CURLMcode rc = curl_multi_socket_action(m_Multi, socket, mask, &running);
+    --m_CurlDepth;
+    return rc;
+}
 
 // ---------------------------------------------------------------------------
 // Time-outs
@@ -171,8 +182,7 @@ int CHttpFrame::StartTimeout(CURLM*, long timeoutMs, void* userp) {
 
 void CHttpFrame::OnTimeout(uv_timer_t* timer) {
     auto* frame = static_cast<CHttpFrame*>(timer->data);
-    int running = 0;
-    CURLMcode rc = curl_multi_socket_action(frame->m_Multi, CURL_SOCKET_TIMEOUT, 0, &running);
+    CURLMcode rc = frame->SocketAction(CURL_SOCKET_TIMEOUT, 0);
     if (rc != CURLM_OK)
         WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl_multi_socket_action failed while OnTimeout",
                     static_cast<int>(rc), curl_multi_strerror(rc));
@@ -197,7 +207,9 @@ void CHttpFrame::CheckMultiInfo() {
                         static_cast<int>(rc), curl_multi_strerror(rc));
         char* scheme = nullptr;
         curl_easy_getinfo(easy, CURLINFO_SCHEME, &scheme);
-        if (scheme != nullptr && (std::strcmp(scheme, "ws") == 0 || std::strcmp(scheme, "wss") == 0)) continue;
+        // A WebSocket's end is told by the handle, never as a finished transfer.
+        // libcurl 8.14 reports the scheme in upper case, later releases in lower.
+        if (scheme != nullptr && (strcasecmp(scheme, "ws") == 0 || strcasecmp(scheme, "wss") == 0)) continue;
         FinishHttpReq(easy, result);
     }
 }
@@ -219,8 +231,14 @@ void CHttpFrame::FinishHttpReq(CURL* easy, CURLcode result) {
                     static_cast<int>(rc), curl_easy_strerror(rc));
         return;
     }
-    if (holder == nullptr) return;
-    // The finish notice is delivered by the HTTP handle, which owns the holder.
+    auto* self = static_cast<std::shared_ptr<CHttpHandle>*>(holder);
+    if (self == nullptr || !*self) return;
+    // Local references keep the handle alive through the notice, even if the
+    // application deletes it and drops its own references there.
+    std::shared_ptr<CHttpHandle> handle = *self;
+    std::shared_ptr<CHttpHandle> keep = handle;
+    std::shared_ptr<IHttpHandleNotic> notic = handle->Notice();
+    if (notic) notic->OnFinish(keep, result == CURLE_OK ? 0 : -2, handle->GetUserData());
 }
 
 }  // namespace netloop

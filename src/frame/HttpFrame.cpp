@@ -9,6 +9,7 @@
 #endif
 
 #include "frame/NetLog.h"
+#include "http/HttpHandle.h"
 
 namespace netloop {
 namespace {
@@ -286,7 +287,10 @@ void CHttpFrame::PostAsynOper(std::shared_ptr<AsynOperReq> oper) {
 }
 
 int CHttpFrame::SubmitOper(std::shared_ptr<AsynOperReq> oper, bool forceAsyn) {
-    if (!forceAsyn && IsLoopThread()) {
+    // Transfers cannot be added or torn down from inside libcurl: such calls
+    // wait for the queue even on the loop thread.
+    const bool transferOper = oper->m_Type == OperAddHttp || oper->m_Type == OperDelHttp;
+    if (!forceAsyn && IsLoopThread() && !(transferOper && InsideCurl())) {
         IAsynOperInterface* target = oper->m_Oper.get();
         return target->DoAsynOper(std::move(oper), shared_from_this());
     }
@@ -321,6 +325,9 @@ int CHttpFrame::AddHttpReq(std::shared_ptr<IHttpHandleInterface> handle, bool fo
     }
     WriteNetLog(LOG_ROUTINE, "[NETLOOP]add http handle[%p] [%d]", static_cast<void*>(handle.get()),
                 static_cast<int>(forceAsyn));
+    std::shared_ptr<CHttpHandle> impl = std::dynamic_pointer_cast<CHttpHandle>(handle);
+    if (!impl) return -1;
+    impl->SetFrame(shared_from_this());
     return SubmitHandleOper<AsynHttpReq>(OperAddHttp, handle, forceAsyn, std::move(done), userData);
 }
 

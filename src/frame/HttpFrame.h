@@ -62,6 +62,11 @@ public:
     // True on the frame's loop thread.
     bool IsLoopThread() const { return m_Tid.load(std::memory_order_acquire) == sysutil::GetTid(); }
 
+    // True while the loop thread is inside a libcurl call that may call back
+    // into the application (loop thread only). libcurl refuses re-entrant multi
+    // calls, and an easy handle torn down there would be pulled from under it.
+    bool InsideCurl() const { return m_CurlDepth > 0; }
+
     // libuv callbacks of the frame's own handles.
     static void OnPrepare(uv_prepare_t* handle);
     static void OnStop(uv_async_t* handle);
@@ -98,6 +103,7 @@ public:
     CURLM* m_Multi = nullptr;
     CURLSH* m_Share = nullptr;
     std::mutex m_ShareMutex[kShareLockCount];
+    int m_CurlDepth = 0;  // loop thread only; see InsideCurl
 
 private:
     void FrameThread(std::shared_ptr<CHttpFrame> self);
@@ -118,6 +124,7 @@ private:
     int SubmitHandleOper(AsynOperType type, const std::shared_ptr<Handle>& handle, bool forceAsyn, Done&& done,
                          void* userData);
     int SubmitOper(std::shared_ptr<AsynOperReq> oper, bool forceAsyn);
+    CURLMcode SocketAction(curl_socket_t socket, int mask);
 };
 
 }  // namespace netloop

@@ -1,0 +1,315 @@
+#include "http/HttpHandle.h"
+
+#include "frame/HttpFrame.h"
+#include "frame/NetLog.h"
+
+namespace netloop {
+
+std::shared_ptr<IHttpHandleInterface> IHttpHandleInterface::Create() { return std::make_shared<CHttpHandle>(); }
+
+CHttpHandle::CHttpHandle() = default;
+
+CHttpHandle::~CHttpHandle() {
+    // While m_Self exists nobody can drop the last reference, so this finds the
+    // handle idle and touches no libcurl object; it is here for completeness.
+    ReleaseTransfer();
+}
+
+// ---------------------------------------------------------------------------
+// Arming
+
+namespace {
+
+struct LongOption {
+    CURLoption option;
+    long value;
+    const char* failure;
+};
+
+}  // namespace
+
+int CHttpHandle::InitHttpReq(const char* url, const char* tag, int reqType, std::shared_ptr<IHttpHandleNotic> notic,
+                             int connectTimeoutMs, int timeoutMs, void* userData) {
+    if (url == nullptr) return -1;
+    int32_t expected = HTTP_HANDLE_IDLE;
+    if (!m_State.compare_exchange_strong(expected, HTTP_HANDLE_INITIALIZING)) return -1;
+    m_Curl = curl_easy_init();
+    if (m_Curl == nullptr) {
+        m_State.exchange(HTTP_HANDLE_IDLE);
+        return -1;
+    }
+    m_Self = new std::shared_ptr<CHttpHandle>(shared_from_this());
+    if (!SetCommonOptions(url, connectTimeoutMs, timeoutMs) || !SetRequestType(reqType)) {
+        FailInit();
+        return -1;
+    }
+    m_Tag = tag != nullptr ? tag : "";
+    m_Url = url;
+    m_ReqType = reqType;
+    m_Notic = std::move(notic);
+    m_UserData = userData;
+    m_State.exchange(HTTP_HANDLE_READY);
+    return 0;
+}
+
+bool CHttpHandle::SetCommonOptions(const char* url, int connectTimeoutMs, int timeoutMs) {
+    CURLcode rc = curl_easy_setopt(m_Curl, CURLOPT_URL, url);
+    if (rc != CURLE_OK) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl set CURLOPT_URL[%s] failed", static_cast<int>(rc),
+                    curl_easy_strerror(rc), url);
+        return false;
+    }
+    std::string pin = BuildAddressPin(url);
+    if (!pin.empty()) {
+        curl_slist* list = curl_slist_append(m_ResolveSlist, pin.c_str());
+        if (list != nullptr) m_ResolveSlist = list;
+        rc = list != nullptr ? curl_easy_setopt(m_Curl, CURLOPT_RESOLVE, m_ResolveSlist) : CURLE_OUT_OF_MEMORY;
+        if (rc != CURLE_OK) {
+            WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl set CURLOPT_RESOLVE[%s] failed", static_cast<int>(rc),
+                        curl_easy_strerror(rc), pin.c_str());
+            return false;
+        }
+    }
+    rc = curl_easy_setopt(m_Curl, CURLOPT_NOSIGNAL, 1L);
+    if (rc != CURLE_OK) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl set CURLOPT_NOSIGNAL[%d] failed", static_cast<int>(rc),
+                    curl_easy_strerror(rc), 1);
+        return false;
+    }
+    rc = curl_easy_setopt(m_Curl, CURLOPT_TIMEOUT_MS, static_cast<long>(timeoutMs));
+    if (rc != CURLE_OK) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl set CURLOPT_TIMEOUT_MS[%d] failed", static_cast<int>(rc),
+                    curl_easy_strerror(rc), timeoutMs);
+        return false;
+    }
+    rc = curl_easy_setopt(m_Curl, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(connectTimeoutMs));
+    if (rc != CURLE_OK) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl set CURLOPT_CONNECTTIMEOUT_MS[%d] failed",
+                    static_cast<int>(rc), curl_easy_strerror(rc), connectTimeoutMs);
+        return false;
+    }
+    struct PointerOption {
+        CURLoption option;
+        void* value;
+        const char* failure;
+    };
+    const PointerOption pointers[] = {
+        {CURLOPT_PRIVATE, m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_PRIVATE failed"},
+        {CURLOPT_WRITEFUNCTION, reinterpret_cast<void*>(&CurlWriteCallback),
+         "[NETLOOP]err[%d:%s]curl set CURLOPT_WRITEFUNCTION failed"},
+        {CURLOPT_WRITEDATA, m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_WRITEDATA failed"},
+        {CURLOPT_READDATA, m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_READDATA failed"},
+        // With READDATA pointing at the handle, libcurl's default read function
+        // would take it for a FILE*: a POST without a body or an upload without
+        // a size reads through the handle's own callback instead.
+        {CURLOPT_READFUNCTION, reinterpret_cast<void*>(&CurlReadCallback),
+         "[NETLOOP]err[%d:%s]curl set CURLOPT_READFUNCTION failed"},
+    };
+    for (const PointerOption& opt : pointers) {
+        rc = curl_easy_setopt(m_Curl, opt.option, opt.value);
+        if (rc != CURLE_OK) {
+            WriteNetLog(LOG_ERROR, opt.failure, static_cast<int>(rc), curl_easy_strerror(rc));
+            return false;
+        }
+    }
+    // HTTP version and TLS range are the same for every transfer. NPN is gone
+    // from libcurl, which accepts the option and ignores it.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    static const LongOption kFixed[] = {
+        {CURLOPT_HTTP_VERSION, CURL_HTTP_VERSION_2TLS, "[NETLOOP]err[%d:%s]curl set CURLOPT_HTTP_VERSION failed"},
+        {CURLOPT_SSL_ENABLE_ALPN, 1, "[NETLOOP]err[%d:%s]curl set CURLOPT_SSL_ENABLE_ALPN failed"},
+        {CURLOPT_SSL_ENABLE_NPN, 1, "[NETLOOP]err[%d:%s]curl set CURLOPT_SSL_ENABLE_NPN failed"},
+        {CURLOPT_SSLVERSION, CURL_SSLVERSION_MAX_TLSv1_3, "[NETLOOP]err[%d:%s]curl set CURLOPT_SSLVERSION failed"},
+    };
+#pragma GCC diagnostic pop
+    for (const LongOption& opt : kFixed) {
+        rc = curl_easy_setopt(m_Curl, opt.option, opt.value);
+        if (rc != CURLE_OK) {
+            WriteNetLog(LOG_ERROR, opt.failure, static_cast<int>(rc), curl_easy_strerror(rc));
+            return false;
+        }
+    }
+    return true;
+}
+
+bool CHttpHandle::SetRequestType(int reqType) {
+    static const LongOption kMethods[] = {
+        {CURLOPT_HTTPGET, 1, "[NETLOOP]err[%d:%s]curl set CURLOPT_HTTPGET[%d] failed"},
+        {CURLOPT_POST, 1, "[NETLOOP]err[%d:%s]curl set CURLOPT_POST[%d] failed"},
+        {CURLOPT_UPLOAD, 1, "[NETLOOP]err[%d:%s]curl set CURLOPT_UPLOAD[%d] failed"},
+    };
+    if (reqType < HTTP_REQ_GET || reqType > HTTP_REQ_UPLOAD) return true;  // WebSocket and others: libcurl's default
+    const LongOption& opt = kMethods[reqType];
+    CURLcode rc = curl_easy_setopt(m_Curl, opt.option, opt.value);
+    if (rc == CURLE_OK) return true;
+    WriteNetLog(LOG_ERROR, opt.failure, static_cast<int>(rc), curl_easy_strerror(rc), 1);
+    return false;
+}
+
+void CHttpHandle::FailInit() {
+    curl_easy_cleanup(m_Curl);
+    m_Curl = nullptr;
+    curl_slist_free_all(m_ResolveSlist);
+    m_ResolveSlist = nullptr;
+    delete m_Self;
+    m_Self = nullptr;
+    m_State.exchange(HTTP_HANDLE_IDLE);
+}
+
+// ---------------------------------------------------------------------------
+// Teardown
+
+void CHttpHandle::ReleaseTransfer() {
+    int32_t expected = HTTP_HANDLE_READY;
+    if (!m_State.compare_exchange_strong(expected, HTTP_HANDLE_CLOSING)) return;
+    curl_slist_free_all(m_HeaderSlist);
+    m_HeaderSlist = nullptr;
+    curl_slist_free_all(m_ResolveSlist);
+    m_ResolveSlist = nullptr;
+    curl_easy_cleanup(m_Curl);
+    m_Curl = nullptr;
+    if (m_File != nullptr) {
+        std::fclose(m_File);
+        m_File = nullptr;
+    }
+    // The caller holds its own reference, so the object outlives this step.
+    delete m_Self;
+    m_Self = nullptr;
+    m_Notic.reset();
+    m_State.exchange(HTTP_HANDLE_IDLE);
+}
+
+// ---------------------------------------------------------------------------
+// Operations on the loop thread
+
+int CHttpHandle::DoAsynOper(std::shared_ptr<AsynOperReq> oper, std::shared_ptr<CHttpFrame> frame) {
+    // A handle that was armed but never added has no frame of its own yet; the
+    // frame that runs the record serves instead.
+    std::shared_ptr<CHttpFrame> own = Frame();
+    const std::shared_ptr<CHttpFrame>& runner = own ? own : frame;
+    auto& rec = static_cast<AsynHttpReq&>(*oper);
+    switch (oper->m_Type) {
+        case OperAddHttp:
+            return OperAdd(runner, rec);
+        case OperDelHttp:
+            return OperDel(runner, rec);
+        case OperDisconnectWS:
+            return RemoveFromMulti(runner, "[NETLOOP]err[%d:%s]curl_multi_remove_handle failed while DelHttpReq");
+        case OperWSSend:
+            OperWsSend(static_cast<AsynWSSendReq&>(*oper));
+            return 0;
+        default:
+            return 0;
+    }
+}
+
+int CHttpHandle::OperAdd(const std::shared_ptr<CHttpFrame>& frame, const AsynHttpReq& oper) {
+    CURLMcode rc = CURLM_BAD_EASY_HANDLE;  // what libcurl answers for an idle handle
+    if (m_Curl != nullptr && IsReady()) {
+        if (frame->m_Share != nullptr) {
+            // The share's companions; a refused one only costs its own effect.
+            curl_easy_setopt(m_Curl, CURLOPT_SHARE, frame->m_Share);
+            curl_easy_setopt(m_Curl, CURLOPT_MAXLIFETIME_CONN, 300L);
+            curl_easy_setopt(m_Curl, CURLOPT_TCP_KEEPALIVE, 1L);
+            curl_easy_setopt(m_Curl, CURLOPT_TCP_KEEPIDLE, 30L);
+            curl_easy_setopt(m_Curl, CURLOPT_TCP_KEEPINTVL, 30L);
+            curl_easy_setopt(m_Curl, CURLOPT_DNS_CACHE_TIMEOUT, 1800L);
+        }
+        rc = curl_multi_add_handle(frame->m_Multi, m_Curl);
+    }
+    int result = 0;
+    if (rc != CURLM_OK) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl_multi_add_handle failed while AddHttpReq",
+                    static_cast<int>(rc), curl_multi_strerror(rc));
+        result = -1;
+    }
+    CallDone(oper, result);
+    return result;
+}
+
+int CHttpHandle::OperDel(const std::shared_ptr<CHttpFrame>& frame, const AsynHttpReq& oper) {
+    int result = RemoveFromMulti(frame, "[NETLOOP]err[%d:%s]curl_multi_remove_handle failed while DelHttpReq");
+    CallDone(oper, result);  // the handle is still whole here
+    ReleaseTransfer();
+    return result;
+}
+
+int CHttpHandle::RemoveFromMulti(const std::shared_ptr<CHttpFrame>& frame, const char* failure) {
+    CURLMcode rc = m_Curl != nullptr ? curl_multi_remove_handle(frame->m_Multi, m_Curl) : CURLM_BAD_EASY_HANDLE;
+    if (rc == CURLM_OK) return 0;
+    WriteNetLog(LOG_ERROR, failure, static_cast<int>(rc), curl_multi_strerror(rc));
+    return -1;
+}
+
+void CHttpHandle::CallDone(const AsynHttpReq& oper, int result) {
+    if (oper.m_Done) oper.m_Done(shared_from_this(), oper.m_UserData, result);
+}
+
+bool CHttpHandle::CancelAsynOper(std::shared_ptr<AsynOperReq> oper) {
+    if (oper->m_Type != OperAddHttp) return false;
+    CallDone(static_cast<AsynHttpReq&>(*oper), -1);
+    return true;
+}
+
+// ---------------------------------------------------------------------------
+// Abort and status
+
+int CHttpHandle::Disconnect() {
+    if (!IsReady()) return -1;
+    std::shared_ptr<CHttpFrame> frame = Frame();
+    if (!frame || !frame->m_Running.load()) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]Can not again timer req now");
+        return -1;
+    }
+    WriteNetLog(LOG_NOTABLE, "[NETLOOP]disconnect web socket");
+    // Inside a libcurl callback the easy handle is on libcurl's stack: the
+    // removal waits for the queue.
+    if (frame->IsLoopThread() && !frame->InsideCurl())
+        return RemoveFromMulti(frame, "[NETLOOP]err[%d:%s]curl_multi_remove_handle failed while DelHttpReq");
+    auto oper = std::make_shared<AsynHttpReq>();
+    oper->m_Type = OperDisconnectWS;
+    oper->m_Oper = shared_from_this();
+    frame->PostAsynOper(std::move(oper));
+    return 0;
+}
+
+long CHttpHandle::GetResponseCode() {
+    if (m_Curl == nullptr) return -1;
+    long code = -1;
+    CURLcode rc = curl_easy_getinfo(m_Curl, CURLINFO_RESPONSE_CODE, &code);
+    if (rc != CURLE_OK)
+        WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl_easy_getinfo CURLINFO_RESPONSE_CODE failed",
+                    static_cast<int>(rc), curl_easy_strerror(rc));
+    return code;
+}
+
+// ---------------------------------------------------------------------------
+// The response
+
+size_t CHttpHandle::CurlWriteCallback(char* data, size_t size, size_t nmemb, void* userp) {
+    CHttpHandle* handle = static_cast<std::shared_ptr<CHttpHandle>*>(userp)->get();
+    const size_t len = size * nmemb;
+    if (handle->m_File != nullptr) {
+        std::fwrite(data, size, nmemb, handle->m_File);
+    } else if (handle->m_ReqType == HTTP_REQ_WEBSOCKET) {
+        handle->OnWsChunk(data, len);
+    } else {
+        handle->m_Response.append(data, len);
+    }
+    return nmemb;
+}
+
+// ---------------------------------------------------------------------------
+// Plain accessors
+
+void CHttpHandle::SetContext(std::shared_ptr<void> context) { m_Context = std::move(context); }
+void* CHttpHandle::GetUserData() { return m_UserData; }
+const std::string& CHttpHandle::GetUrl() { return m_Url; }
+const std::string& CHttpHandle::GetTag() { return m_Tag; }
+const std::string& CHttpHandle::GetResponse() { return m_Response; }
+void CHttpHandle::GetPostFields(std::string& out) { out = m_PostFields; }
+void CHttpHandle::GetContext(std::shared_ptr<void>& out) { out = m_Context; }
+void CHttpHandle::GetHeaders(std::list<std::string>& out) { out = m_HeaderList; }
+
+}  // namespace netloop

@@ -1,0 +1,119 @@
+// CHttpHandle: one libcurl easy transfer behind IHttpHandleInterface: an HTTP
+// GET, POST or upload, or a WebSocket client connection.
+//
+// From a successful InitHttpReq until teardown the handle owns its easy handle
+// and keeps itself alive through m_Self, a heap-held strong reference whose
+// address is the user pointer of every libcurl callback. Only teardown
+// (ReleaseTransfer, run by the delete operation) releases it.
+#pragma once
+
+#include <curl/curl.h>
+
+#include <atomic>
+#include <cstdio>
+#include <list>
+#include <memory>
+#include <string>
+
+#include "frame/AsynOperReq.h"
+#include "netloop/IHttpHandleInterface.h"
+
+namespace netloop {
+
+enum HttpHandleState : int32_t {
+    HTTP_HANDLE_IDLE = 0,          // nothing armed: m_Curl, m_Self and m_Notic are empty
+    HTTP_HANDLE_INITIALIZING = 1,  // InitHttpReq is at work
+    HTTP_HANDLE_READY = 2,         // armed: configured, running or finished
+    HTTP_HANDLE_CLOSING = 3,       // teardown is at work
+};
+
+class CHttpHandle : public std::enable_shared_from_this<CHttpHandle>,
+                    public IHttpHandleInterface,
+                    public IAsynOperInterface {
+public:
+    CHttpHandle();
+    ~CHttpHandle() override;
+
+    int InitHttpReq(const char* url, const char* tag, int reqType, std::shared_ptr<IHttpHandleNotic> notic,
+                    int connectTimeoutMs, int timeoutMs, void* userData) override;
+    int Disconnect() override;
+    int SetPostFields(const char* fields) override;
+    void SetContext(std::shared_ptr<void> context) override;
+    int SendWsData(std::shared_ptr<std::vector<uint8_t>> data, int type, size_t* sent) override;
+    int EnableVerbose() override;
+    int SetOutputFile(const char* path) override;
+    int EnableProgress(bool enable) override;
+    int SetCaPath(const char* caPath) override;
+    int SetHeaders(const std::list<std::string>& headers) override;
+    int SetUploadSize(curl_off_t size) override;
+    void* GetUserData() override;
+    const std::string& GetUrl() override;
+    const std::string& GetTag() override;
+    const std::string& GetResponse() override;
+    long GetResponseCode() override;
+    void GetPostFields(std::string& out) override;
+    void GetContext(std::shared_ptr<void>& out) override;
+    void GetHeaders(std::list<std::string>& out) override;
+
+    int DoAsynOper(std::shared_ptr<AsynOperReq> oper, std::shared_ptr<CHttpFrame> frame) override;
+    bool CancelAsynOper(std::shared_ptr<AsynOperReq> oper) override;
+
+    // The frame that runs the handle: stored by AddHttpReq on the caller's
+    // thread, read on the loop thread and by Disconnect/SendWsData anywhere.
+    void SetFrame(std::shared_ptr<CHttpFrame> frame) { std::atomic_store(&m_Frame, std::move(frame)); }
+    std::shared_ptr<CHttpFrame> Frame() const { return std::atomic_load(&m_Frame); }
+
+    // The finish notice of an HTTP transfer, for the frame's bridge.
+    std::shared_ptr<IHttpHandleNotic> Notice() const { return m_Notic; }
+
+    // libcurl callbacks; `userp` is m_Self.
+    static size_t CurlWriteCallback(char* data, size_t size, size_t nmemb, void* userp);
+    static size_t CurlReadCallback(char* buffer, size_t size, size_t nitems, void* userp);
+    static int CurlXferInfoCallback(void* userp, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal,
+                                    curl_off_t ulnow);
+    static int CurlDebugCallback(CURL* handle, curl_infotype type, char* data, size_t size, void* userp);
+
+    // Splits `url` with libcurl's URL parser; `port` is the URL's own port or
+    // the scheme's default, empty when neither is known.
+    static bool SplitUrlHostPort(const char* url, std::string& host, std::string& port);
+
+    // Builds the CURLOPT_RESOLVE entry for `url` from what the process resolver
+    // has at hand; empty when no pin can be made.
+    static std::string BuildAddressPin(const char* url);
+
+private:
+    bool IsReady() const { return m_State.load() == HTTP_HANDLE_READY; }
+    bool SetCommonOptions(const char* url, int connectTimeoutMs, int timeoutMs);
+    bool SetRequestType(int reqType);
+    void FailInit();
+    int OperAdd(const std::shared_ptr<CHttpFrame>& frame, const AsynHttpReq& oper);
+    int OperDel(const std::shared_ptr<CHttpFrame>& frame, const AsynHttpReq& oper);
+    int RemoveFromMulti(const std::shared_ptr<CHttpFrame>& frame, const char* failure);
+    void CallDone(const AsynHttpReq& oper, int result);
+    void ReleaseTransfer();
+
+    // WebSocket (WsTransfer.cpp).
+    void OnWsChunk(char* data, size_t len);
+    void SendWsMessage(const std::shared_ptr<std::vector<uint8_t>>& data, int flags, size_t* sent);
+    void OperWsSend(const AsynWSSendReq& oper);
+
+    CURL* m_Curl = nullptr;
+    std::string m_Url;
+    int32_t m_ReqType = 0;
+    std::string m_Tag;
+    void* m_UserData = nullptr;
+    curl_slist* m_HeaderSlist = nullptr;
+    curl_slist* m_ResolveSlist = nullptr;
+    std::string m_FilePath;
+    FILE* m_File = nullptr;
+    std::string m_Response;
+    std::list<std::string> m_HeaderList;
+    std::string m_PostFields;
+    std::shared_ptr<void> m_Context;
+    std::shared_ptr<IHttpHandleNotic> m_Notic;
+    std::shared_ptr<CHttpHandle>* m_Self = nullptr;
+    std::shared_ptr<CHttpFrame> m_Frame;  // accessed atomically
+    std::atomic<int32_t> m_State{HTTP_HANDLE_IDLE};
+};
+
+}  // namespace netloop
