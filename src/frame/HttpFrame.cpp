@@ -34,6 +34,13 @@ void ReleaseFailedLoop(uv_loop_t* loop) {
 #endif
 }
 
+// Every poll handle on a frame's loop belongs to a CurlSocketRec.
+void CloseCurlSocketRec(uv_handle_t* handle, void*) {
+    if (handle->type != UV_POLL || uv_is_closing(handle) != 0) return;
+    uv_poll_stop(reinterpret_cast<uv_poll_t*>(handle));
+    uv_close(handle, CHttpFrame::FreeCurlSocketRec);
+}
+
 }  // namespace
 
 CHttpFrame::CHttpFrame() {
@@ -119,6 +126,9 @@ void CHttpFrame::ReleaseLoopResources() {
         m_Multi = nullptr;
     }
     if (m_Loop) {
+        // Sockets libcurl still watched when its multi handle went away would
+        // otherwise keep their records (and the loop) for good.
+        uv_walk(m_Loop.get(), CloseCurlSocketRec, nullptr);
         CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_Timer));
         CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_StopAsync));
         CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_ReqAsync));
