@@ -37,7 +37,9 @@ public:
     // Resolves `host` with `hints` (read during the call only).
     //  - Answer at hand: returns 0 and sets *result; `notic` is never called.
     //    The chain belongs to the resolver and stays valid long enough to be
-    //    parsed by the caller right away.
+    //    parsed by the caller right away; the default resolver keeps it at least
+    //    ten seconds, even when another thread refreshes or evicts the cached
+    //    answer meanwhile. Do not keep the pointer: copy what you need.
     //  - Otherwise: returns non-zero and leaves *result alone. If `notic` is not
     //    empty it is called exactly once later, on a resolver thread, on failure
     //    too, with `userData`. Without a notice the request only warms the cache.
@@ -49,7 +51,12 @@ public:
 
     // Empty `replace`: the process's resolver of the given kind (created on first
     // use, never empty). Non-empty: installs `replace` as the resolver and returns
-    // it. netloop asks for kind 3.
+    // it. netloop asks for kind 3; one resolver serves every kind. Thread-safe. A
+    // replaced resolver lives on while anyone holds it, so keeping the reference
+    // you got lets you put it back later. The default resolver runs getaddrinfo
+    // on its own threads and caches positive answers for a minute, failures not
+    // at all. The resolver installed when the process exits is never destroyed,
+    // so exit handlers and detached threads may still use it.
     static std::shared_ptr<IHostseekInterface> GetHostseekInstance(int kind, std::shared_ptr<IHostseekInterface> replace);
 
     // True when `host` is a numeric IPv4 address ("127.0.0.1").
