@@ -410,8 +410,19 @@ TEST(Udp, ConnectFailuresCloseTheSocketAndLeaveTheHandleReusable) {
         EXPECT_TRUE(WaitUntil([&] { return weak.expired(); }));
     }
 
-    // A failure that goes away: out of descriptors, then not. The name is looked
-    // up once; the second add connects with the address it already has.
+    EXPECT_EQ(frame->Stop(false), 0);
+}
+
+// A failure that goes away: out of descriptors, then not. The name is looked
+// up once; the second add connects with the address it already has.
+TEST(Udp, AFailedConnectIsRetriedWithTheAddressAlreadyFound) {
+#if defined(__SANITIZE_ADDRESS__)
+    // That build also checks dynamic types, and the check opens a pipe: it
+    // cannot run while every descriptor is taken.
+    GTEST_SKIP() << "needs free descriptors for the sanitizer's own checks";
+#endif
+    ScopedCaptureLogger log;
+    auto frame = StartedFrame();
     auto fake = std::make_shared<FakeResolver>();
     ScopedResolver installed(fake);
     EchoPeer peer;
