@@ -107,26 +107,32 @@ struct Event {
 };
 
 // Records notices and done functions in order, with thread and user pointer.
+// The hooks run on the notice's thread after the event is recorded.
 class Recorder : public IUdpHandleNotic {
 public:
-    std::function<void(std::shared_ptr<IUdpHandleInterface>, int)> onState;
-    std::function<void(const std::string&)> onData;
-    bool keepData = true;  // false: datagrams only reach onData
+    using DataHook = std::function<void(const std::string&)>;
+    void SetOnData(DataHook hook, bool keepData = true) {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        m_OnData = std::move(hook);
+        m_KeepData = keepData;
+    }
 
-    void OnUdpState(std::shared_ptr<IUdpHandleInterface> handle, int status, void* userData) override {
+    void OnUdpState(std::shared_ptr<IUdpHandleInterface>, int status, void* userData) override {
         Add("state:" + std::to_string(status), userData);
-        if (onState) onState(handle, status);
     }
     void OnUdpData(const char* data, int64_t size, const char* peerIp, void* userData) override {
         std::string payload(data, static_cast<size_t>(size));
-        if (!keepData) return onData(payload);
+        DataHook hook;
         {
             std::lock_guard<std::mutex> lock(m_Mutex);
-            m_Data.push_back(payload);
-            m_Peers.emplace_back(peerIp);
+            hook = m_OnData;
+            if (m_KeepData) {
+                m_Data.push_back(payload);
+                m_Peers.emplace_back(peerIp);
+                m_Events.push_back({"data", sysutil::GetTid(), userData});
+            }
         }
-        Add("data", userData);
-        if (onData) onData(payload);
+        if (hook) hook(payload);
     }
     UdpDoneFunc Done(std::string what, std::function<void(std::shared_ptr<IUdpHandleInterface>)> then = nullptr) {
         return [this, what, then](std::shared_ptr<IUdpHandleInterface> handle, void* userData, int rc) {
@@ -166,6 +172,8 @@ public:
 
 private:
     std::mutex m_Mutex;
+    DataHook m_OnData;
+    bool m_KeepData = true;
     std::vector<Event> m_Events;
     std::vector<std::string> m_Data, m_Peers;
 };
@@ -213,7 +221,7 @@ TEST(Udp, EchoesWholeDatagramsOverIpv4AndIpv6) {
         auto handle = IUdpHandleInterface::Create(rec, host.c_str(), peer.Port(), &marker);
         std::weak_ptr<IUdpHandleInterface> weak = handle;
         // On the loop thread: "A" is answered with "B" at once, "bye" deletes.
-        rec->onData = [&, weak](const std::string& payload) {
+        rec->SetOnData([&, weak](const std::string& payload) {
             auto self = weak.lock();
             if (payload == "A") {
                 EXPECT_EQ(self->SendUdpData(Bytes("B")), 0);
@@ -221,7 +229,7 @@ TEST(Udp, EchoesWholeDatagramsOverIpv4AndIpv6) {
             if (payload != "bye") return;
             EXPECT_EQ(frame->DelUdpReq(self, false, rec->Done("del"), &marker), 0);
             rec->Add("after-del");
-        };
+        });
         ASSERT_EQ(frame->AddUdpReq(handle, false, rec->Done("add"), &marker), 0);
         ASSERT_TRUE(rec->WaitCount("add:0", 1));
         EXPECT_EQ(rec->Names(), (std::vector<std::string>{"state:0", "add:0"}));
@@ -298,14 +306,14 @@ TEST(Udp, RefusesWhatTheConnectionCannotTake) {
     std::mutex m;
     std::condition_variable cv;
     bool inNotice = false, queued = false;
-    rec->onData = [&](const std::string& payload) {
+    rec->SetOnData([&](const std::string& payload) {
         if (payload != "y") return;
         std::unique_lock<std::mutex> lock(m);
         inNotice = true;
         cv.notify_all();
         EXPECT_TRUE(cv.wait_for(lock, 10s, [&] { return queued; }));
         EXPECT_EQ(frame->DelUdpReq(handle, false, rec->Done("del"), nullptr), 0);
-    };
+    });
     EXPECT_EQ(handle->SendUdpData(Bytes("y")), 0);
     {
         std::unique_lock<std::mutex> lock(m);
@@ -329,12 +337,12 @@ TEST(Udp, RefusesWhatTheConnectionCannotTake) {
     auto queuedAdd = IUdpHandleInterface::Create(other, "127.0.0.1", peer.Port(), nullptr);
     auto last = std::make_shared<Recorder>();
     auto lastHandle = IUdpHandleInterface::Create(last, "127.0.0.1", peer.Port(), nullptr);
-    last->onData = [&](const std::string&) {
+    last->SetOnData([&](const std::string&) {
         EXPECT_EQ(frame->AddUdpReq(queuedAdd, true, other->Done("add"), nullptr), 0);
         EXPECT_EQ(frame->Stop(false), 0);
         EXPECT_EQ(lastHandle->SendUdpData(Bytes("after-stop")), -1);
         EXPECT_EQ(frame->DelUdpReq(lastHandle, false, last->Done("del"), nullptr), 0);
-    };
+    });
     ASSERT_EQ(frame->AddUdpReq(lastHandle, false, nullptr, nullptr), 0);
     ASSERT_TRUE(last->WaitCount("state:0", 1));
     EXPECT_EQ(lastHandle->SendUdpData(Bytes("stop")), 0);
@@ -564,14 +572,13 @@ TEST(Udp, ManySendersEachDatagramComesBackOnceInOrder) {
     std::atomic<uint32_t> back[kThreads] = {};
     std::atomic<int> disorder{0};
     auto rec = std::make_shared<Recorder>();
-    rec->onData = [&](const std::string& payload) {
+    rec->SetOnData([&](const std::string& payload) {
         uint32_t seq;
         std::memcpy(&seq, payload.data() + 1, sizeof(seq));
         auto& count = back[static_cast<int>(payload[0])];
         if (seq != count.load()) ++disorder;
         count.store(seq + 1);
-    };
-    rec->keepData = false;
+    }, false);
     std::weak_ptr<IUdpHandleInterface> weak;
     {
         auto handle = IUdpHandleInterface::Create(rec, "127.0.0.1", peer.Port(), nullptr);
