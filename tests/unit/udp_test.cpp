@@ -2,10 +2,7 @@
 // close, refusals, connect failures, names through the resolver, many senders.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,6 +17,7 @@
 #include "frame/HttpFrame.h"
 #include "support/CaptureLogger.h"
 #include "support/FakeResolver.h"
+#include "support/UdpEchoPeer.h"
 #include "support/Wait.h"
 #include "udp/UdpHandle.h"
 
@@ -28,77 +26,23 @@ using namespace std::chrono_literals;
 using testsupport::FakeResolver;
 using testsupport::ScopedCaptureLogger;
 using testsupport::ScopedResolver;
+using testsupport::UdpEchoPeer;
 using testsupport::WaitUntil;
 
 namespace {
 
-// Echoes every datagram back to its sender from a thread of its own.
-class EchoPeer {
-public:
-    explicit EchoPeer(bool ipv6 = false) : m_Ipv6(ipv6) {
-        m_Fd = ::socket(ipv6 ? AF_INET6 : AF_INET, SOCK_DGRAM, 0);
-        sockaddr_storage addr{};
-        socklen_t len;
-        if (ipv6) {
-            auto* a = reinterpret_cast<sockaddr_in6*>(&addr);
-            a->sin6_family = AF_INET6;
-            a->sin6_addr = in6addr_loopback;
-            len = sizeof(*a);
-        } else {
-            auto* a = reinterpret_cast<sockaddr_in*>(&addr);
-            a->sin_family = AF_INET;
-            a->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-            len = sizeof(*a);
-        }
-        EXPECT_EQ(::bind(m_Fd, reinterpret_cast<sockaddr*>(&addr), len), 0);
-        EXPECT_EQ(::getsockname(m_Fd, reinterpret_cast<sockaddr*>(&addr), &len), 0);
-        m_Port = ntohs(ipv6 ? reinterpret_cast<sockaddr_in6*>(&addr)->sin6_port
-                            : reinterpret_cast<sockaddr_in*>(&addr)->sin_port);
-        m_Thread = std::thread([this] { Run(); });
-    }
-    ~EchoPeer() {
-        m_Stop = true;
-        m_Thread.join();
-        ::close(m_Fd);
-    }
-    uint16_t Port() const { return m_Port; }
-    std::string Host() const { return m_Ipv6 ? "::1" : "127.0.0.1"; }
-    uint64_t ReceivedCount() const { return m_Count.load(); }
-    std::vector<std::string> Payloads() const {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        return m_Payloads;
-    }
-    bool WaitForDatagrams(uint64_t n, std::chrono::milliseconds timeout) const {
-        return WaitUntil([&] { return ReceivedCount() >= n; }, timeout);
-    }
+UdpEchoPeer::Options PeerOn(bool ipv6) {
+    UdpEchoPeer::Options options;
+    options.ipv6 = ipv6;
+    options.maxRecords = 64;
+    return options;
+}
 
-private:
-    void Run() {
-        std::vector<char> buf(70000);
-        while (!m_Stop) {
-            pollfd p{m_Fd, POLLIN, 0};
-            if (::poll(&p, 1, 20) <= 0) continue;
-            sockaddr_storage from{};
-            socklen_t len = sizeof(from);
-            ssize_t n = ::recvfrom(m_Fd, buf.data(), buf.size(), 0, reinterpret_cast<sockaddr*>(&from), &len);
-            if (n < 0) continue;
-            if (m_Payloads.size() < 64) {
-                std::lock_guard<std::mutex> lock(m_Mutex);
-                m_Payloads.emplace_back(buf.data(), static_cast<size_t>(n));
-            }
-            ++m_Count;
-            ::sendto(m_Fd, buf.data(), static_cast<size_t>(n), 0, reinterpret_cast<sockaddr*>(&from), len);
-        }
-    }
-    bool m_Ipv6;
-    int m_Fd = -1;
-    uint16_t m_Port = 0;
-    std::atomic<bool> m_Stop{false};
-    std::atomic<uint64_t> m_Count{0};
-    mutable std::mutex m_Mutex;
-    std::vector<std::string> m_Payloads;
-    std::thread m_Thread;
-};
+std::vector<std::string> Payloads(const UdpEchoPeer& peer) {
+    std::vector<std::string> out;
+    for (const auto& d : peer.Received()) out.push_back(d.payload);
+    return out;
+}
 
 struct Event {
     std::string what;
@@ -212,7 +156,7 @@ TEST(Udp, EchoesWholeDatagramsOverIpv4AndIpv6) {
     auto frame = StartedFrame();
     const int32_t loopTid = LoopTid(frame);
     for (bool ipv6 : {false, true}) {
-        EchoPeer peer(ipv6);
+        UdpEchoPeer peer(PeerOn(ipv6));
         const std::string host = peer.Host();
         SCOPED_TRACE(host);
         log->Clear();
@@ -244,7 +188,7 @@ TEST(Udp, EchoesWholeDatagramsOverIpv4AndIpv6) {
         ASSERT_TRUE(rec->WaitCount("data", 4));
         std::this_thread::sleep_for(50ms);
         // The empty datagram went out first and came back without a notice.
-        EXPECT_EQ(peer.Payloads()[0], "");
+        EXPECT_EQ(Payloads(peer)[0], "");
         auto got = rec->Data();
         std::vector<std::string> want = {"A", "B", sent[2], big};
         std::sort(got.begin(), got.end());
@@ -282,7 +226,7 @@ TEST(Udp, EchoesWholeDatagramsOverIpv4AndIpv6) {
 TEST(Udp, RefusesWhatTheConnectionCannotTake) {
     ScopedCaptureLogger log;
     auto frame = StartedFrame();
-    EchoPeer peer;
+    UdpEchoPeer peer(PeerOn(false));
     auto rec = std::make_shared<Recorder>();
     auto handle = IUdpHandleInterface::Create(rec, "127.0.0.1", peer.Port(), nullptr);
 
@@ -324,7 +268,7 @@ TEST(Udp, RefusesWhatTheConnectionCannotTake) {
     }
     ASSERT_TRUE(rec->WaitCount("state:-2", 1));
     std::this_thread::sleep_for(100ms);
-    EXPECT_EQ(peer.Payloads(), (std::vector<std::string>{"x", "y"}));
+    EXPECT_EQ(Payloads(peer), (std::vector<std::string>{"x", "y"}));
     EXPECT_EQ(handle->SendUdpData(Bytes("z")), -1);
     EXPECT_EQ(Lines(*log), (std::vector<std::string>{"[NETLOOP]Udp connect[127.0.0.1:" + std::to_string(peer.Port()) +
                                                         "] succ@20",
@@ -433,7 +377,7 @@ TEST(Udp, AFailedConnectIsRetriedWithTheAddressAlreadyFound) {
     auto frame = StartedFrame();
     auto fake = std::make_shared<FakeResolver>();
     ScopedResolver installed(fake);
-    EchoPeer peer;
+    UdpEchoPeer peer(PeerOn(false));
     fake->Set("peer.test", FakeResolver::Script::AtOnce({"127.0.0.1"}));
     auto rec = std::make_shared<Recorder>();
     auto handle = IUdpHandleInterface::Create(rec, "peer.test", peer.Port(), nullptr);
@@ -462,7 +406,7 @@ TEST(Udp, NamesAreLookedUpOnceAndAnsweredAtOnceOrLate) {
     ScopedCaptureLogger log;
     auto fake = std::make_shared<FakeResolver>();
     ScopedResolver installed(fake);
-    EchoPeer peer4, peer6(true);
+    UdpEchoPeer peer4(PeerOn(false)), peer6(PeerOn(true));
     auto frame = StartedFrame();
     const int32_t loopTid = LoopTid(frame);
     using Script = FakeResolver::Script;
@@ -567,7 +511,7 @@ TEST(Udp, ManySendersEachDatagramComesBackOnceInOrder) {
     constexpr int kThreads = 4;
     constexpr uint32_t kWindow = 16;  // datagrams in flight per sender, so loopback buffers never overflow
     const uint32_t perThread = std::getenv("NETLOOP_SANITIZED") ? 2500 : 25000;
-    EchoPeer peer;
+    UdpEchoPeer peer(PeerOn(false));
     auto frame = StartedFrame();
     std::atomic<uint32_t> back[kThreads] = {};
     std::atomic<int> disorder{0};
