@@ -241,6 +241,13 @@ TEST(Udp, RefusesWhatTheConnectionCannotTake) {
     ASSERT_EQ(frame->AddUdpReq(handle, false, rec->Done("add"), nullptr), 0);
     ASSERT_EQ(frame->AddUdpReq(handle, false, rec->Done("add-again"), nullptr), 0);
     ASSERT_TRUE(rec->WaitCount("add-again:-1", 1));
+    // It belongs to its frame: another frame's loop must not touch the socket.
+    auto second = StartedFrame();
+    ASSERT_EQ(second->AddUdpReq(handle, false, rec->Done("add-elsewhere"), nullptr), 0);
+    ASSERT_EQ(second->DelUdpReq(handle, false, rec->Done("del-elsewhere"), nullptr), 0);
+    ASSERT_TRUE(rec->WaitCount("del-elsewhere:-1", 1));
+    EXPECT_EQ(rec->Count("add-elsewhere:-1"), 1u);
+    EXPECT_EQ(second->Stop(false), 0);
     EXPECT_EQ(handle->SendUdpData(nullptr), -1);
     EXPECT_EQ(handle->SendUdpData(Bytes("x")), 0);
     ASSERT_TRUE(rec->WaitCount("data", 1));
@@ -272,6 +279,7 @@ TEST(Udp, RefusesWhatTheConnectionCannotTake) {
     EXPECT_EQ(handle->SendUdpData(Bytes("z")), -1);
     EXPECT_EQ(Lines(*log), (std::vector<std::string>{"[NETLOOP]Udp connect[127.0.0.1:" + std::to_string(peer.Port()) +
                                                         "] succ@20",
+                                                    "[NETLOOP]Init udp handle failed@60",
                                                     "[NETLOOP]Init udp handle failed@60"}));
 
     // A stop made from a notice: a queued add is answered -1, sends are refused
