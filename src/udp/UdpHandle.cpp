@@ -160,7 +160,7 @@ int CUdpHandle::DelOnLoop(const std::shared_ptr<AsynOperReq>& oper, const std::s
 // Result: 1 when the answer was at hand and gave an address (the caller goes
 // on to connect), 0 when the answer comes later through OnHostseekResult, -1
 // when the answer at hand had no address (reported here).
-int CUdpHandle::NetTest(const std::shared_ptr<AsynOperReq>& oper) {
+int CUdpHandle::NetTest(const std::shared_ptr<AsynUdpReq>& rec) {
     struct addrinfo hints;
     std::memset(&hints, 0, sizeof(hints));
     hints.ai_flags = AI_ADDRCONFIG;
@@ -170,14 +170,13 @@ int CUdpHandle::NetTest(const std::shared_ptr<AsynOperReq>& oper) {
 
     // The record rides along with the look-up: it carries the done function
     // and the user pointer to a late answer. Whoever gets the answer frees it.
-    auto* token = new std::shared_ptr<AsynUdpReq>(AsUdpReq(oper));
+    auto* token = new std::shared_ptr<AsynUdpReq>(rec);
     struct addrinfo* result = nullptr;
     std::shared_ptr<hostseek_interface::IHostseekResultNotic> notic = shared_from_this();
     int rc = IHostseekInterface::GetHostseekInstance(kHostseekKind, nullptr)
                  ->ResolveHost(m_Host.c_str(), &hints, std::move(notic), token, &result);
     if (rc != 0 || result == nullptr) return 0;
 
-    std::shared_ptr<AsynUdpReq> rec = std::move(*token);
     delete token;
     if (TakeAddress(result)) return 1;
     ReportNetTestFailure(rec);
@@ -202,8 +201,7 @@ bool CUdpHandle::TakeAddress(struct addrinfo* result) {
     return false;
 }
 
-void CUdpHandle::ReportNetTestFailure(const std::shared_ptr<AsynOperReq>& oper) {
-    std::shared_ptr<AsynUdpReq> rec = AsUdpReq(oper);
+void CUdpHandle::ReportNetTestFailure(const std::shared_ptr<AsynUdpReq>& rec) {
     WriteNetLog(LOG_ERROR, "[NETLOOP]Net test Hostseek [%s] failed", m_Host.c_str());
     SelfRef self = shared_from_this();
     if (rec->m_Done) rec->m_Done(self, rec->m_UserData, -1);
@@ -232,8 +230,7 @@ void CUdpHandle::OnHostseekResult(int, struct addrinfo* result, void* userData) 
 // ---------------------------------------------------------------------------
 // Connect
 
-int CUdpHandle::ConnectUdp(const std::shared_ptr<AsynOperReq>& oper, const std::shared_ptr<CHttpFrame>& frame) {
-    std::shared_ptr<AsynUdpReq> rec = AsUdpReq(oper);
+int CUdpHandle::ConnectUdp(const std::shared_ptr<AsynUdpReq>& rec, const std::shared_ptr<CHttpFrame>& frame) {
     int result = InitUdpHandle(frame->m_Loop.get());
     if (result != 0) WriteNetLog(LOG_ERROR, "[NETLOOP]Init udp handle failed");
     if (rec->m_Done) rec->m_Done(shared_from_this(), rec->m_UserData, result);

@@ -71,11 +71,11 @@ public:
 private:
     int AddOnLoop(const std::shared_ptr<AsynOperReq>& oper, const std::shared_ptr<CHttpFrame>& frame);
     int DelOnLoop(const std::shared_ptr<AsynOperReq>& oper, const std::shared_ptr<CHttpFrame>& frame);
-    int NetTest(const std::shared_ptr<AsynOperReq>& oper);
+    int NetTest(const std::shared_ptr<AsynUdpReq>& rec);
     // Takes the address out of a look-up's answer; false when it has none.
     bool TakeAddress(struct addrinfo* result);
-    void ReportNetTestFailure(const std::shared_ptr<AsynOperReq>& oper);
-    int ConnectUdp(const std::shared_ptr<AsynOperReq>& oper, const std::shared_ptr<CHttpFrame>& frame);
+    void ReportNetTestFailure(const std::shared_ptr<AsynUdpReq>& rec);
+    int ConnectUdp(const std::shared_ptr<AsynUdpReq>& rec, const std::shared_ptr<CHttpFrame>& frame);
     int InitUdpHandle(uv_loop_t* loop);
     int OpenSocket(uv_loop_t* loop, const std::string& ip, bool isIpv4, bool& socketMade);
     int FailConnect(bool socketMade);
