@@ -3,8 +3,10 @@
 // Create names the peer (numeric address or a name, resolved through the
 // process's hostseek resolver when added). IHttpInterface::AddUdpReq connects,
 // SendUdpData sends, IUdpHandleNotic receives, IHttpInterface::DelUdpReq closes.
-// One connection per handle. A connected handle keeps itself alive until it is
-// closed, whether or not the application holds it.
+// One connection per handle, on the frame that first adds it: another frame
+// refuses it. A connected handle keeps itself alive until it is closed, whether
+// or not the application holds it, so every connected handle has to be deleted
+// before the frame stops.
 #pragma once
 
 #include <cstdint>
