@@ -1,41 +1,43 @@
-// netloop: the command-line face of the library.
-#include <netloop/IHttpInterface.h>
-#include <sysutil/sysutil.h>
-
-#include <atomic>
+// netloop: the command-line face of the library, built on its public headers
+// and shared libraries only.
 #include <cstdio>
 #include <cstring>
-#include <memory>
+
+#include "Commands.h"
 
 namespace {
 
-class StopReport : public netloop::IHttpFrameNotic {
-public:
-    std::atomic<bool> told{false};
-    int OnFrameStop(std::shared_ptr<netloop::IHttpInterface>, void*) override {
-        told = true;
-        return 0;
-    }
+struct Subcommand {
+    const char* name;
+    int (*run)(int, char**);
+    const char* summary;
 };
 
-int RunDemo() {
-    auto frame = netloop::IHttpInterface::Create();
-    auto report = std::make_shared<StopReport>();
-    bool ok = frame->Init(report, false, true, nullptr) == 0;
-    std::printf("%-40s %s\n", "frame set up (loop, multi handle, share)", ok ? "ok" : "FAILED");
-    ok = ok && frame->Start(true) == 0 && frame->WaitRunning(1000);
-    std::printf("%-40s %s\n", "loop thread running", ok ? "ok" : "FAILED");
-    ok = ok && frame->Stop(false) == 0 && report->told;
-    std::printf("%-40s %s\n", "clean stop", ok ? "ok" : "FAILED");
-    return ok ? 0 : 1;
-}
+const Subcommand kSubcommands[] = {
+    {"get", tool::RunGet, "download URLs concurrently"},
+    {"post", tool::RunPost, "send a POST body"},
+    {"put", tool::RunPut, "upload a file"},
+    {"ws", tool::RunWs, "talk to a WebSocket server"},
+    {"udp", tool::RunUdp, "exchange datagrams with a peer"},
+    {"demo", tool::RunDemo, "show every capability on loopback servers"},
+    {"bench", tool::RunBench, "run the benchmark suite"},
+};
 
-void Usage() { std::fprintf(stderr, "usage: netloop demo\n"); }
+void Usage(FILE* out) {
+    std::fprintf(out, "usage: netloop COMMAND [ARGS]   (netloop COMMAND --help for its options)\n\n");
+    for (const Subcommand& s : kSubcommands) std::fprintf(out, "  %-6s %s\n", s.name, s.summary);
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc >= 2 && std::strcmp(argv[1], "demo") == 0) return RunDemo();
-    Usage();
+    if (argc < 2 || std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0) {
+        Usage(argc < 2 ? stderr : stdout);
+        return argc < 2 ? 2 : 0;
+    }
+    for (const Subcommand& s : kSubcommands)
+        if (std::strcmp(argv[1], s.name) == 0) return s.run(argc, argv);
+    std::fprintf(stderr, "netloop: unknown command '%s'\n", argv[1]);
+    Usage(stderr);
     return 2;
 }
