@@ -15,7 +15,8 @@ cmake -S "$source_dir/tests/install/consumer" -B "$work/cmake-build" \
 cmake --build "$work/cmake-build" >/dev/null
 LD_LIBRARY_PATH="$libdir" "$work/cmake-build/consumer"
 
+# One of the examples, built the plain way an application would build it.
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
-g++ -std=c++17 "$source_dir/tests/install/consumer/main.cpp" -o "$work/pc-consumer" \
+g++ -std=c++17 "$source_dir/examples/repeating_timer.cpp" -o "$work/pc-example" -pthread \
     $(pkg-config --cflags --libs netloop)
-LD_LIBRARY_PATH="$libdir" "$work/pc-consumer"
+LD_LIBRARY_PATH="$libdir" "$work/pc-example" >/dev/null
