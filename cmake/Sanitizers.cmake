@@ -1,3 +1,10 @@
+# NETLOOP_FUZZ instruments every target for libFuzzer's coverage and ASan+UBSan.
+if(NETLOOP_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+  return()
+endif()
+
 # NETLOOP_SANITIZE builds every target of the tree with one sanitizer.
 if(NETLOOP_SANITIZE STREQUAL "")
   return()

@@ -254,6 +254,15 @@ void CHttpFrame::StopOnLoop(uv_async_t*) {
     {
         std::lock_guard<std::mutex> lock(m_Mutex);
         m_Running.store(false);
+        // A stop made by a record leaves the rest of that record's batch
+        // unexecuted; it was queued before anything in the list and goes back
+        // in front, so it is cancelled or run in order like the rest.
+        if (m_ActiveBatch != nullptr && m_ActiveBatch->next < m_ActiveBatch->records->size()) {
+            auto& rest = *m_ActiveBatch->records;
+            m_AsynOperReqList.insert(m_AsynOperReqList.begin(), std::make_move_iterator(rest.begin() + m_ActiveBatch->next),
+                                     std::make_move_iterator(rest.end()));
+            rest.resize(m_ActiveBatch->next);
+        }
         // Queued adds are answered with -1 and dropped; everything else stays
         // and runs below, so deletes still reach their handles.
         auto cancelled = [](const std::shared_ptr<AsynOperReq>& oper) { return oper->m_Oper->CancelAsynOper(oper); };
@@ -279,7 +288,14 @@ void CHttpFrame::RunAsynOperReqs() {
     }
     if (batch.empty()) return;
     std::shared_ptr<CHttpFrame> self = shared_from_this();
-    for (auto& oper : batch) oper->m_Oper->DoAsynOper(oper, self);
+    ActiveBatch active{&batch, 0};
+    ActiveBatch* outer = m_ActiveBatch;
+    m_ActiveBatch = &active;
+    while (active.next < batch.size()) {
+        std::shared_ptr<AsynOperReq> oper = batch[active.next++];
+        oper->m_Oper->DoAsynOper(oper, self);
+    }
+    m_ActiveBatch = outer;
     // Hand the grown storage back so producers do not regrow it every wake-up.
     batch.clear();
     std::lock_guard<std::mutex> lock(m_Mutex);

@@ -106,6 +106,17 @@ public:
     int m_CurlDepth = 0;  // loop thread only; see InsideCurl
 
 private:
+    // The batch RunAsynOperReqs is working through (loop thread only), so a
+    // stop made by one of its records can take the rest of it back.
+    struct ActiveBatch {
+        std::vector<std::shared_ptr<AsynOperReq>>* records;
+        size_t next;
+    };
+    ActiveBatch* m_ActiveBatch = nullptr;
+
+public:
+
+private:
     void FrameThread(std::shared_ptr<CHttpFrame> self);
     void StopOnLoop(uv_async_t* handle);
     void RunAsynOperReqs();

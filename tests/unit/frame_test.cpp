@@ -367,6 +367,44 @@ TEST(FrameQueue, StopCancelsQueuedAddsAndRunsEverythingElse) {
     EXPECT_EQ(events.size(), 3u);
 }
 
+TEST(FrameQueue, StopInsideABatchTreatsTheRestOfTheBatchLikeTheQueue) {
+    auto frame = StartedFrame();
+    auto impl = AsFrame(frame);
+    auto oper = std::make_shared<TestOper>();
+    std::vector<std::string> events;
+    auto done = [&events](const char* what) {
+        return [&events, what](std::shared_ptr<ITimerHandleInterface>, void*, int rc) {
+            events.push_back(std::string(what) + ":" + std::to_string(rc));
+        };
+    };
+    // Hold the loop so the next four records are taken as one batch.
+    std::promise<void> entered, release;
+    auto blocker = std::make_shared<TestOper>();
+    blocker->onDo = [&](const std::shared_ptr<AsynOperReq>&, const std::shared_ptr<CHttpFrame>&) {
+        entered.set_value();
+        release.get_future().wait();
+        return 0;
+    };
+    ASSERT_EQ(frame->DelTimerReq(blocker, false, nullptr, nullptr), 0);
+    ASSERT_EQ(entered.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    auto stopper = std::make_shared<TestOper>();
+    stopper->onDo = [&](const std::shared_ptr<AsynOperReq>&, const std::shared_ptr<CHttpFrame>&) {
+        return frame->Stop(false);
+    };
+    ASSERT_EQ(frame->DelTimerReq(stopper, false, done("stop"), nullptr), 0);
+    ASSERT_EQ(frame->AddTimerReq(oper, false, done("add"), nullptr), 0);
+    ASSERT_EQ(frame->DelTimerReq(oper, false, done("del"), nullptr), 0);
+    ASSERT_EQ(frame->AddTimerReq(oper, false, done("add2"), nullptr), 0);
+    release.set_value();
+    ASSERT_TRUE(WaitUntil([&] { return impl->m_State.load() == FrameIdle; }));
+    // The adds behind the stop are cancelled, the delete still runs; the
+    // stopping record's own done function comes when it returns.
+    EXPECT_EQ(events, (std::vector<std::string>{"add:-1", "add2:-1", "del:0", "stop:0"}));
+    auto calls = oper->Calls();
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(calls[0].type, OperDelTimer);
+}
+
 // Lets the next `allowed` descriptors open and refuses the rest.
 class FdLimit {
 public:
