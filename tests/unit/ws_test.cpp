@@ -287,15 +287,14 @@ TEST(WebSocket, SendsWholeMessagesInOrderFromEveryCaller) {
     // Before the upgrade, from the loop thread (the add's done function) and
     // from this thread, then a burst from this thread: all in order.
     auto rec = std::make_shared<WsRecorder>();
-    std::vector<size_t> early;
+    std::promise<std::vector<size_t>> early;
     auto h = Open(frame.frame.get(), server.Url("/silent"), rec, 0,
                   [&](std::shared_ptr<IHttpHandleInterface> self, void*, int rc) {
                       EXPECT_EQ(rc, 0);
-                      for (const char* s : {"early-1", "early-2"}) {
-                          size_t sent = 0;
-                          EXPECT_EQ(self->SendWsData(Bytes(s), WS_MSG_TEXT, &sent), 0);
-                          early.push_back(sent);
-                      }
+                      std::vector<size_t> sent(2, 0);
+                      EXPECT_EQ(self->SendWsData(Bytes("early-1"), WS_MSG_TEXT, &sent[0]), 0);
+                      EXPECT_EQ(self->SendWsData(Bytes("early-2"), WS_MSG_TEXT, &sent[1]), 0);
+                      early.set_value(sent);
                   });
     const size_t burst = Scaled(10000);
     std::vector<std::string> expected{"early-1", "early-2"};
@@ -305,7 +304,7 @@ TEST(WebSocket, SendsWholeMessagesInOrderFromEveryCaller) {
     }
     ASSERT_TRUE(server.WaitForMessages(expected.size(), 30s));
     EXPECT_EQ(Payloads(server.ReceivedOn(1)), expected);
-    EXPECT_EQ(early, (std::vector<size_t>{7, 7}));
+    EXPECT_EQ(early.get_future().get(), (std::vector<size_t>{7, 7}));
     EXPECT_EQ(Delete(frame.frame.get(), h), 0);
 
     // Messages much bigger than the socket can take, to a server that reads
@@ -314,13 +313,16 @@ TEST(WebSocket, SendsWholeMessagesInOrderFromEveryCaller) {
     // sent after it arrives after it.
     const std::string first = testsupport::DeterministicBytes(Scaled(4u << 20));
     const std::string second = testsupport::DeterministicBytes(Scaled(32u << 20), 7);
+    const auto secondBytes = Bytes(second);
+    const auto after1 = Bytes("after-1");
     std::promise<std::chrono::steady_clock::duration> inCallback;
     auto slowRec = std::make_shared<WsRecorder>();
     slowRec->onData = [&](const std::shared_ptr<IHttpHandleInterface>& self, const Message& m) {
         if (m.bytes != "trigger") return;  // the echo of what this thread sent
+        size_t sent = 0;
         auto start = std::chrono::steady_clock::now();
-        EXPECT_EQ(Send(self, second, WS_MSG_BINARY), 0);
-        EXPECT_EQ(Send(self, "after-1"), 0);
+        EXPECT_EQ(self->SendWsData(secondBytes, WS_MSG_BINARY, &sent), 0);
+        EXPECT_EQ(self->SendWsData(after1, WS_MSG_TEXT, &sent), 0);
         inCallback.set_value(std::chrono::steady_clock::now() - start);
     };
     auto slow = Open(frame.frame.get(), server.Url("/slowread?pause=200"), slowRec);
