@@ -91,17 +91,35 @@ private:
     int m_Finishes = 0;
 };
 
+int Delete(IHttpInterface* frame, const std::shared_ptr<IHttpHandleInterface>& h) {
+    std::promise<int> done;
+    EXPECT_EQ(frame->DelHttpReq(h, false, [&](std::shared_ptr<IHttpHandleInterface>, void*, int rc) {
+        done.set_value(rc);
+    }, nullptr), 0);
+    auto f = done.get_future();
+    return f.wait_for(10s) == std::future_status::ready ? f.get() : -100;
+}
+
+// A running frame. The handles a test opened are gone by its end unless the
+// test failed before deleting them: those are deleted here, so that the stop
+// cannot wait for an open connection.
 struct StartedFrame {
     std::shared_ptr<IHttpInterface> frame = IHttpInterface::Create();
-    StartedFrame() {
-        EXPECT_EQ(frame->Init(nullptr, false, false, nullptr), 0);
+    std::vector<std::weak_ptr<IHttpHandleInterface>> opened;
+    explicit StartedFrame(std::shared_ptr<IHttpFrameNotic> notice = nullptr) {
+        EXPECT_EQ(frame->Init(std::move(notice), false, false, nullptr), 0);
         EXPECT_EQ(frame->Start(true), 0);
     }
-    ~StartedFrame() { frame->Stop(false); }
+    ~StartedFrame() {
+        for (auto& weak : opened) {
+            if (auto h = weak.lock()) Delete(frame.get(), h);
+        }
+        frame->Stop(false);
+    }
     IHttpInterface* operator->() const { return frame.get(); }
 };
 
-std::shared_ptr<IHttpHandleInterface> Open(IHttpInterface* frame, const std::string& url,
+std::shared_ptr<IHttpHandleInterface> Open(StartedFrame& frame, const std::string& url,
                                            const std::shared_ptr<WsRecorder>& rec, int timeoutMs = 0,
                                            HttpDoneFunc added = nullptr) {
     auto h = IHttpHandleInterface::Create();
@@ -110,6 +128,7 @@ std::shared_ptr<IHttpHandleInterface> Open(IHttpInterface* frame, const std::str
         EXPECT_EQ(h->SetCaPath(testsupport::TestTls().caFile.c_str()), 0);
     }
     rec->handle = h;
+    frame.opened.push_back(h);
     EXPECT_EQ(frame->AddHttpReq(h, false, std::move(added), nullptr), 0);
     return h;
 }
@@ -117,15 +136,6 @@ std::shared_ptr<IHttpHandleInterface> Open(IHttpInterface* frame, const std::str
 int Send(const std::shared_ptr<IHttpHandleInterface>& h, const std::string& s, int type = WS_MSG_TEXT) {
     size_t sent = 0;
     return h->SendWsData(Bytes(s), type, &sent);
-}
-
-int Delete(IHttpInterface* frame, const std::shared_ptr<IHttpHandleInterface>& h) {
-    std::promise<int> done;
-    EXPECT_EQ(frame->DelHttpReq(h, false, [&](std::shared_ptr<IHttpHandleInterface>, void*, int rc) {
-        done.set_value(rc);
-    }, nullptr), 0);
-    auto f = done.get_future();
-    return f.wait_for(10s) == std::future_status::ready ? f.get() : -100;
 }
 
 std::vector<std::string> Payloads(const std::vector<testsupport::WsMessage>& got) {
@@ -170,7 +180,7 @@ TEST(WebSocket, DeliversWholeMessagesOfEveryShape) {
                 EXPECT_EQ(Send(h, m.bytes, WS_MSG_CLOSE), 0);
             }
         };
-        auto h = Open(frame.frame.get(), server.Url("/"), rec);
+        auto h = Open(frame, server.Url("/"), rec);
         ASSERT_TRUE(rec->WaitMessages(1));
         EXPECT_EQ(rec->Messages()[0].bytes, "greeting");
         EXPECT_EQ(rec->Messages()[0].statesBefore, 1u);  // the open notice came first
@@ -230,7 +240,7 @@ TEST(WebSocket, ReportsEachConnectionEventOnce) {
     };
     for (const Case& c : cases) {
         auto rec = std::make_shared<WsRecorder>();
-        auto h = Open(frame.frame.get(), c.url, rec, c.timeoutMs);
+        auto h = Open(frame, c.url, rec, c.timeoutMs);
         ASSERT_TRUE(rec->WaitStates(1)) << c.name;
         switch (c.then) {
             case kCommand:
@@ -271,7 +281,7 @@ TEST(WebSocket, ReportsEachConnectionEventOnce) {
     auto rec = std::make_shared<WsRecorder>();
     std::string http = server.Url("/");
     http.replace(0, 2, "http");
-    auto h = Open(frame.frame.get(), http, rec);
+    auto h = Open(frame, http, rec);
     ASSERT_TRUE(WaitUntil([&] { return rec->Finishes() == 1; }));
     EXPECT_FALSE(h->GetResponse().empty());
     EXPECT_TRUE(rec->Messages().empty());
@@ -288,7 +298,7 @@ TEST(WebSocket, SendsWholeMessagesInOrderFromEveryCaller) {
     // from this thread, then a burst from this thread: all in order.
     auto rec = std::make_shared<WsRecorder>();
     std::promise<std::vector<size_t>> early;
-    auto h = Open(frame.frame.get(), server.Url("/silent"), rec, 0,
+    auto h = Open(frame, server.Url("/silent"), rec, 0,
                   [&](std::shared_ptr<IHttpHandleInterface> self, void*, int rc) {
                       EXPECT_EQ(rc, 0);
                       std::vector<size_t> sent(2, 0);
@@ -325,7 +335,7 @@ TEST(WebSocket, SendsWholeMessagesInOrderFromEveryCaller) {
         EXPECT_EQ(self->SendWsData(after1, WS_MSG_TEXT, &sent), 0);
         inCallback.set_value(std::chrono::steady_clock::now() - start);
     };
-    auto slow = Open(frame.frame.get(), server.Url("/slowread?pause=200"), slowRec);
+    auto slow = Open(frame, server.Url("/slowread?pause=200"), slowRec);
     ASSERT_TRUE(slowRec->WaitStates(1));
     ASSERT_EQ(Send(slow, first, WS_MSG_BINARY), 0);
     ASSERT_EQ(Send(slow, "trigger"), 0);
@@ -354,7 +364,7 @@ TEST(WebSocket, SendsWholeMessagesInOrderFromEveryCaller) {
         EXPECT_EQ(self->SendWsData(Bytes("p" + std::to_string(n)), WS_MSG_TEXT, &sent), 0);
         EXPECT_EQ(sent, 1 + std::to_string(n).size());
     };
-    auto pong = Open(frame.frame.get(), server.Url("/"), pongRec);
+    auto pong = Open(frame, server.Url("/"), pongRec);
     ASSERT_TRUE(pongRec->WaitStates(1));
     ASSERT_EQ(Send(pong, "p0"), 0);
     ASSERT_TRUE(pongRec->WaitMessages(rounds, 30s));
@@ -370,7 +380,7 @@ class StopNotice : public IHttpFrameNotic {
 public:
     std::function<void(std::shared_ptr<IHttpInterface>)> onStop;
     int OnFrameStop(std::shared_ptr<IHttpInterface> frame, void*) override {
-        onStop(frame);
+        if (onStop) onStop(frame);
         return 0;
     }
 };
@@ -379,11 +389,9 @@ TEST(WebSocket, RefusesSendsItCannotMake) {
     ScopedCaptureLogger log;
     WsTestServer server;
     auto notice = std::make_shared<StopNotice>();
-    auto frame = IHttpInterface::Create();
-    ASSERT_EQ(frame->Init(notice, false, false, nullptr), 0);
-    ASSERT_EQ(frame->Start(true), 0);
+    StartedFrame frame(notice);
     auto rec = std::make_shared<WsRecorder>();
-    auto ws = Open(frame.get(), server.Url("/refuse/403"), rec);
+    auto ws = Open(frame, server.Url("/refuse/403"), rec);
     ASSERT_TRUE(rec->WaitStates(1));
     auto get = IHttpHandleInterface::Create();
     ASSERT_EQ(get->InitHttpReq(server.Url("/").c_str(), "get", HTTP_REQ_GET, nullptr, 0, 0, nullptr), 0);
@@ -443,7 +451,7 @@ TEST(WebSocket, HandleLivesUntilDeletedEvenMidMessage) {
     std::promise<int> deleted;
     {
         StartedFrame frame;
-        weak = Open(frame.frame.get(), server.Url("/"), rec);
+        weak = Open(frame, server.Url("/"), rec);
         ASSERT_TRUE(rec->WaitStates(1));
         ASSERT_FALSE(weak.expired());
         ASSERT_EQ(Send(weak.lock(), "still here"), 0);
