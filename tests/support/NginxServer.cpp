@@ -128,6 +128,9 @@ struct NginxServer::Impl {
           << "    listen 127.0.0.1:" << tlsPort << " ssl http2;\n"
           << "    ssl_certificate " << tls.certFile << ";\n"
           << "    ssl_certificate_key " << tls.keyFile << ";\n"
+          // nginx 1.22 leaves TLS 1.3 off unless asked.
+          << "    ssl_protocols TLSv1.2 TLSv1.3;\n"
+          << "    ssl_session_cache shared:netloop:4m;\n"
           << "    root " << dir << "/www;\n"
           << "    location = /small { default_type text/plain; return 200 \"" << SmallBody() << "\"; }\n"
           << "    location / { }\n"

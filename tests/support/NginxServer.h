@@ -6,7 +6,8 @@
 // Two listeners on 127.0.0.1, on free ports picked at start:
 //   HttpPort()  plain HTTP/1.1, keep-alive (up to 1,000,000 requests per
 //               connection).
-//   TlsPort()   HTTPS with TestTls(), HTTP/2 offered by ALPN (HTTP/1.1 too).
+//   TlsPort()   HTTPS (TLS 1.2 and 1.3) with TestTls(), HTTP/2 offered by ALPN
+//               (HTTP/1.1 too).
 // Both serve:
 //   /small      200 with the 100-byte body SmallBody().
 //   /<name>     files written into the document root with CreateFile() or
