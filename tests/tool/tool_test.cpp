@@ -144,7 +144,7 @@ TEST(Tool, PostAndPutSendTheirBodies) {
     std::system(("rm -rf " + dir).c_str());
 }
 
-TEST(Tool, DISABLED_WsAndUdpEchoStdinLines) {
+TEST(Tool, WsAndUdpEchoStdinLines) {
     testsupport::WsTestServer ws;
     ToolRun wsRun = RunTool({"ws", ws.Url("/echo")}, "first line\nsecond line\n");
     EXPECT_EQ(wsRun.exitCode, 0) << wsRun.err;
@@ -160,7 +160,7 @@ TEST(Tool, DISABLED_WsAndUdpEchoStdinLines) {
     EXPECT_NE(udp.out.find("from 127.0.0.1: two"), std::string::npos) << udp.out;
 }
 
-TEST(Tool, DISABLED_DemoShowsEveryCapabilityWorking) {
+TEST(Tool, DemoShowsEveryCapabilityWorking) {
     ToolRun demo = RunTool({"demo"}, "", std::chrono::seconds(120));
     EXPECT_EQ(demo.exitCode, 0) << demo.out << demo.err;
     EXPECT_NE(demo.out.find("all capabilities working"), std::string::npos) << demo.out;
