@@ -1,0 +1,147 @@
+// One large upload (default 100 MiB, PUT with Content-Length) to the in-process
+// HttpTestServer's /upload, which reads the body in pieces and answers with its
+// size and hash. The body comes from a read callback copying out of a 1 MiB
+// pattern on both sides.
+//
+//   --impl=netloop    HTTP_REQ_UPLOAD + SetUploadSize, body via OnUploadRead
+//   --impl=baseline   libcurl multi handle with curl_multi_poll, CURLOPT_UPLOAD,
+//                     CURLOPT_INFILESIZE_LARGE and CURLOPT_READFUNCTION
+//   --size=BYTES (100M)
+// Figure: MB/s (10^6 bytes per second).
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "common/BenchUtil.h"
+#include "common/CurlPlain.h"
+#include "common/NetloopFrame.h"
+#include "netloop/IHttpInterface.h"
+#include "support/HttpTestServer.h"
+#include "support/TestData.h"
+
+namespace {
+
+using namespace netloop;
+
+// Hands out `total` bytes, cycling through one pattern buffer.
+class BodySource {
+public:
+    explicit BodySource(uint64_t total) : m_Pattern(testsupport::DeterministicBytes(1 << 20)), m_Left(total) {}
+    size_t Read(char* buffer, size_t want) {
+        size_t n = static_cast<size_t>(std::min<uint64_t>(want, m_Left));
+        size_t done = 0;
+        while (done < n) {
+            size_t piece = std::min(n - done, m_Pattern.size() - m_Offset);
+            std::memcpy(buffer + done, m_Pattern.data() + m_Offset, piece);
+            done += piece;
+            m_Offset = (m_Offset + piece) % m_Pattern.size();
+        }
+        m_Left -= n;
+        return n;
+    }
+
+private:
+    std::string m_Pattern;
+    size_t m_Offset = 0;
+    uint64_t m_Left;
+};
+
+class Uploader : public IHttpHandleNotic {
+public:
+    explicit Uploader(uint64_t size) : source(size) {}
+    BodySource source;
+    bench::Countdown done{1};
+    std::atomic<int> result{-100};
+    size_t OnUploadRead(std::shared_ptr<IHttpHandleInterface>, char* buffer, size_t size, size_t nitems,
+                        void*) override {
+        return source.Read(buffer, size * nitems);
+    }
+    void OnFinish(std::shared_ptr<IHttpHandleInterface>, int r, void*) override {
+        result = r;
+        done.Add(1);
+    }
+    void OnWsData(const char*, size_t, int, void*) override {}
+    void OnProgress(const char*, const char*, curl_off_t, curl_off_t, curl_off_t, curl_off_t, void*) override {}
+};
+
+size_t ReadFromSource(char* buffer, size_t size, size_t nitems, void* userp) {
+    return static_cast<BodySource*>(userp)->Read(buffer, size * nitems);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    bench::Args args(argc, argv);
+    const std::string impl = args.Str("impl", "netloop");
+    const uint64_t size = args.Size("size", 100ull << 20);
+    const int timeout = static_cast<int>(args.Int("timeout", 120));
+    bench::StartWatchdog("upload", impl, timeout);
+    bench::Result res("upload", impl);
+    res.Param("size", static_cast<int64_t>(size));
+
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    testsupport::HttpTestServer server;
+    const std::string url = server.Url("/upload");
+    const std::string expected = "size=" + std::to_string(size) + " ";
+
+    double elapsed = 0;
+    std::string answer;
+    if (impl == "netloop") {
+        bench::FrameScope frame;
+        if (!frame.ok()) return res.Fail("frame did not start");
+        auto uploader = std::make_shared<Uploader>(size);
+        auto handle = IHttpHandleInterface::Create();
+        if (handle->InitHttpReq(url.c_str(), nullptr, HTTP_REQ_UPLOAD, uploader, 0, 0, nullptr) != 0 ||
+            handle->SetUploadSize(static_cast<curl_off_t>(size)) != 0)
+            return res.Fail("arming the upload failed");
+        const double t0 = bench::Now();
+        if (frame->AddHttpReq(handle, true, nullptr, nullptr) != 0) return res.Fail("AddHttpReq refused");
+        if (!uploader->done.Wait(timeout)) return res.Fail("upload did not finish in time");
+        elapsed = bench::Now() - t0;
+        const bool ok = uploader->result == 0 && handle->GetResponseCode() == 200;
+        answer = handle->GetResponse();
+        bench::Countdown deleted(1);
+        frame->DelHttpReq(handle, true, [&](std::shared_ptr<IHttpHandleInterface>, void*, int) { deleted.Add(1); },
+                          nullptr);
+        deleted.Wait(30);
+        if (!ok) return res.Fail("upload failed");
+    } else if (impl == "baseline") {
+        BodySource source(size);
+        CURLM* multi = curl_multi_init();
+        CURL* easy = curl_easy_init();
+        bench::SetPlainOptions(easy, url.c_str());
+        curl_easy_setopt(easy, CURLOPT_UPLOAD, 1L);
+        curl_easy_setopt(easy, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(size));
+        curl_easy_setopt(easy, CURLOPT_READFUNCTION, &ReadFromSource);
+        curl_easy_setopt(easy, CURLOPT_READDATA, &source);
+        curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &bench::AppendToString);
+        curl_easy_setopt(easy, CURLOPT_WRITEDATA, &answer);
+        const double t0 = bench::Now();
+        curl_multi_add_handle(multi, easy);
+        CURLcode result = CURLE_AGAIN;
+        for (;;) {
+            int running = 0;
+            curl_multi_perform(multi, &running);
+            int left = 0;
+            while (CURLMsg* msg = curl_multi_info_read(multi, &left))
+                if (msg->msg == CURLMSG_DONE) result = msg->data.result;
+            if (result != CURLE_AGAIN || bench::Now() - t0 > timeout) break;
+            curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+        }
+        elapsed = bench::Now() - t0;
+        long code = 0;
+        curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &code);
+        curl_multi_remove_handle(multi, easy);
+        curl_easy_cleanup(easy);
+        curl_multi_cleanup(multi);
+        if (result != CURLE_OK || code != 200) return res.Fail("upload failed");
+    } else {
+        return res.Fail("unknown --impl (netloop, baseline)");
+    }
+    if (answer.rfind(expected, 0) != 0) return res.Fail("server answered: " + answer);
+    res.Extra("seconds", elapsed);
+    return res.Print(static_cast<double>(size) / elapsed / 1e6, "MB/s");
+}
