@@ -53,8 +53,9 @@ enum WsMessageType {
 // WebSocket connection events of OnWsState.
 enum WsState {
     WS_STATE_OPEN = 0,     // the upgrade has completed
-    WS_STATE_FAILED = -1,  // the transfer ended before the connection opened
-    WS_STATE_CLOSED = -2,  // an open connection ended (server close, reset, time-out)
+    WS_STATE_FAILED = -1,  // the transfer ended before the connection opened (connect failure,
+                           // refused upgrade, time-out)
+    WS_STATE_CLOSED = -2,  // an open connection ended (the server closed it, a reset, the time-out)
 };
 
 // Implemented by the application. Every call runs on the frame's loop thread.
@@ -62,8 +63,18 @@ enum WsState {
 // from there is carried out after the callback returns.
 class IHttpHandleNotic {
 public:
-    // A complete WebSocket message. `data` is valid for the call only and has no
-    // terminator; a message that arrived in one piece points into libcurl's buffer.
+    // A complete WebSocket message of WsMessageType `type`. `data` is valid for the
+    // call only and has no terminator; a message that arrived in one piece points
+    // into libcurl's buffer. Messages come whole and in order; a close frame (type
+    // 3, payload unparsed) or a pong that libcurl passes on (type 0) comes alone,
+    // also in the middle of a fragmented message. Pings are answered by libcurl and
+    // never reported; a close is not answered: reply with SendWsData type 3.
+    // Messages that arrived together with the upgrade response follow
+    // OnWsState(WS_STATE_OPEN) and, like it, come from outside libcurl.
+    // libcurl 8.14 passes no frame without payload to the application; such a
+    // frame (an empty message, the empty last frame of a fragmented one, a close
+    // without status) is noticed only when it is the last frame libcurl reads in
+    // one go, and otherwise lost.
     virtual void OnWsData(const char* data, size_t length, int type, void* userData) = 0;
     // Transfer progress, after EnableProgress(true). `tag` and `url` are the
     // handle's GetTag and GetUrl.
@@ -79,10 +90,15 @@ public:
     // in the log). Runs outside libcurl: DelHttpReq may run at once from here.
     // WebSocket transfers never get OnFinish.
     virtual void OnFinish(std::shared_ptr<IHttpHandleInterface> handle, int result, void* userData) = 0;
-    // WebSocket transfers only, once per event, outside libcurl: WS_STATE_OPEN when
-    // the upgrade completed, WS_STATE_FAILED when the transfer ended before it did,
-    // WS_STATE_CLOSED when an open connection ended. Not called when the
-    // application ended the transfer itself with DelHttpReq or Disconnect.
+    // Handles armed with HTTP_REQ_WEBSOCKET only, once per event, outside libcurl
+    // (DelHttpReq may run at once from here): WS_STATE_OPEN when the upgrade
+    // completed, before the connection's first OnWsData; WS_STATE_FAILED when the
+    // transfer ended before that; WS_STATE_CLOSED when an open connection ended.
+    // Not called when the application ended the transfer itself with DelHttpReq or
+    // Disconnect. An end that libcurl reports is logged in place of an HTTP
+    // transfer's DONE line as "[NETLOOP]<url> WS END result[<CURLcode>:<text>]",
+    // at level 20 for CURLE_OK (the server completed a close handshake) and at
+    // level 60 for every other code.
     virtual void OnWsState(std::shared_ptr<IHttpHandleInterface> handle, int state, void* userData) {}
     virtual ~IHttpHandleNotic() {}
 };
@@ -104,9 +120,10 @@ public:
                             int connectTimeoutMs, int timeoutMs, void* userData) = 0;
 
     // Takes the transfer out of the frame's multi handle: aborts an HTTP transfer
-    // (no OnFinish) or drops a WebSocket connection without a close frame. The
-    // handle stays armed and can be added again. Any thread. -1 when not armed, or
-    // when the frame is not running (logged).
+    // (no OnFinish) or drops a WebSocket connection without a close frame, and
+    // with it the messages still waiting to go out. The handle stays armed; added
+    // again, a WebSocket makes a fresh connection. Any thread. -1 when not armed,
+    // or when the frame is not running (logged).
     virtual int Disconnect() = 0;
 
     // POST body, up to its first NUL; the handle keeps its own copy. POST handles
@@ -117,14 +134,21 @@ public:
     // state; survives teardown and re-arming.
     virtual void SetContext(std::shared_ptr<void> context) = 0;
 
-    // Sends one WebSocket message of `type` 1 (text), 2 (binary) or 3 (close).
-    // The handle keeps a reference to `data` and never copies it: leave the vector
-    // alone after the call. Messages go out whole and in call order; a message
-    // sent before the connection opened waits for it. On the loop thread with the
-    // connection open and nothing waiting, the message is written at once and
-    // `*sent` is what libcurl took; otherwise `*sent` is the whole size. Returns 0
-    // when handed on; -1 for a handle that is not an armed WebSocket with a frame,
-    // a null `sent`, an unknown type or a stopped frame (the last two logged).
+    // Sends one WebSocket message of `type` 1 (text), 2 (binary) or 3 (close;
+    // payload: 2-byte status code and reason). The handle keeps a reference to
+    // `data` (null: an empty message) and never copies it: leave the vector alone
+    // until the message is out. Messages go out whole, never interleaved, in call
+    // order per thread; one sent before the upgrade completed waits for it. On the
+    // loop thread, outside libcurl, with the connection open and nothing waiting,
+    // libcurl gets the message at once and `*sent` is the part it took (the rest
+    // follows as soon as the socket drains); otherwise `*sent` is the whole size.
+    // A message that cannot be completed because the connection ended is logged
+    // at level 40 as "[NETLOOP]Send len diff [<size>] != [<bytes sent>]", one that
+    // never started as "[NETLOOP]err[55:...]curl_ws_send failed" at level 60.
+    // Returns 0 when handed on; -1 for a handle that is not an armed WebSocket with
+    // a frame, a null `sent`, an unknown type ("[NETLOOP]unknow websocket type[%d]")
+    // or a stopped frame ("[NETLOOP]Can not send ws data req now"), the last two
+    // logged at level 60.
     virtual int SendWsData(std::shared_ptr<std::vector<uint8_t>> data, int type, size_t* sent) = 0;
 
     // Writes libcurl's trace of this transfer to the log at level 0.

@@ -146,6 +146,7 @@ void CHttpFrame::CurlPerform(uv_poll_t* poll, int status, int events) {
         WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl_multi_socket_action failed while CurlPerform",
                     static_cast<int>(rc), curl_multi_strerror(rc));
     frame->CheckMultiInfo();
+    frame->RunWsService();
 }
 
 void CHttpFrame::FreeCurlSocketRec(uv_handle_t* handle) { std::free(handle->data); }
@@ -187,6 +188,7 @@ void CHttpFrame::OnTimeout(uv_timer_t* timer) {
         WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl_multi_socket_action failed while OnTimeout",
                     static_cast<int>(rc), curl_multi_strerror(rc));
     frame->CheckMultiInfo();
+    frame->RunWsService();
 }
 
 // ---------------------------------------------------------------------------
@@ -209,10 +211,55 @@ void CHttpFrame::CheckMultiInfo() {
         curl_easy_getinfo(easy, CURLINFO_SCHEME, &scheme);
         // A WebSocket's end is told by the handle, never as a finished transfer.
         // libcurl 8.14 reports the scheme in upper case, later releases in lower.
-        if (scheme != nullptr && (strcasecmp(scheme, "ws") == 0 || strcasecmp(scheme, "wss") == 0)) continue;
+        if (scheme != nullptr && (strcasecmp(scheme, "ws") == 0 || strcasecmp(scheme, "wss") == 0)) {
+            EndWebSocket(easy, result);
+            continue;
+        }
         FinishHttpReq(easy, result);
     }
 }
+
+void CHttpFrame::EndWebSocket(CURL* easy, CURLcode result) {
+    char* url = nullptr;
+    curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &url);
+    // Every end that libcurl reports is an end the application did not ask for:
+    // a closed or failed connection is an error, a completed close handshake is not.
+    WriteNetLog(result == CURLE_OK ? LOG_NOTABLE : LOG_ERROR, "[NETLOOP]%s WS END result[%d:%s]",
+                url != nullptr ? url : "", static_cast<int>(result), curl_easy_strerror(result));
+    void* holder = nullptr;
+    if (curl_easy_getinfo(easy, CURLINFO_PRIVATE, &holder) != CURLE_OK || holder == nullptr) return;
+    auto* self = static_cast<std::shared_ptr<CHttpHandle>*>(holder);
+    if (!*self) return;
+    // The local reference outlives whatever the application does in the notice.
+    std::shared_ptr<CHttpHandle> handle = *self;
+    handle->OnWsEnded(result);
+}
+
+// ---------------------------------------------------------------------------
+// WebSocket service
+
+void CHttpFrame::ScheduleWs(const std::shared_ptr<CHttpHandle>& handle, uint64_t delayMs) {
+    m_WsDue.push_back(handle);
+    // Inside libcurl the bridge serves the list as soon as the call returns.
+    if (InsideCurl()) return;
+    uv_handle_t* timer = reinterpret_cast<uv_handle_t*>(&m_WsTimer);
+    if (uv_is_active(timer) != 0 && uv_timer_get_due_in(&m_WsTimer) <= delayMs) return;
+    uv_timer_start(&m_WsTimer, OnWsTimer, delayMs, 0);
+}
+
+void CHttpFrame::RunWsService() {
+    if (m_WsDue.empty()) return;
+    std::vector<std::weak_ptr<CHttpHandle>> due;
+    due.swap(m_WsDue);
+    for (const std::weak_ptr<CHttpHandle>& weak : due) {
+        if (std::shared_ptr<CHttpHandle> handle = weak.lock()) handle->ServiceWs();
+    }
+    // Keep the grown storage for the next round.
+    due.clear();
+    if (m_WsDue.empty()) m_WsDue.swap(due);
+}
+
+void CHttpFrame::OnWsTimer(uv_timer_t* timer) { static_cast<CHttpFrame*>(timer->data)->RunWsService(); }
 
 void CHttpFrame::FinishHttpReq(CURL* easy, CURLcode result) {
     char* url = nullptr;

@@ -47,6 +47,7 @@ CHttpFrame::CHttpFrame() {
     std::memset(&m_StopAsync, 0, sizeof(m_StopAsync));
     std::memset(&m_Timer, 0, sizeof(m_Timer));
     std::memset(&m_ReqAsync, 0, sizeof(m_ReqAsync));
+    std::memset(&m_WsTimer, 0, sizeof(m_WsTimer));
 }
 
 CHttpFrame::~CHttpFrame() {
@@ -86,6 +87,7 @@ bool CHttpFrame::InitLoopHandles() {
     std::memset(&m_StopAsync, 0, sizeof(m_StopAsync));
     std::memset(&m_Timer, 0, sizeof(m_Timer));
     std::memset(&m_ReqAsync, 0, sizeof(m_ReqAsync));
+    std::memset(&m_WsTimer, 0, sizeof(m_WsTimer));
 
     m_Loop.reset(static_cast<uv_loop_t*>(std::malloc(sizeof(uv_loop_t))), std::free);
     int rc = m_Loop ? uv_loop_init(m_Loop.get()) : UV_ENOMEM;
@@ -113,6 +115,12 @@ bool CHttpFrame::InitLoopHandles() {
         WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]Req async init failed", rc, uv_strerror(rc));
         return false;
     }
+    m_WsTimer.data = this;
+    rc = uv_timer_init(m_Loop.get(), &m_WsTimer);
+    if (rc != 0) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]uv_timer_init failed", rc, uv_strerror(rc));
+        return false;
+    }
     return true;
 }
 
@@ -132,6 +140,7 @@ void CHttpFrame::ReleaseLoopResources() {
         CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_Timer));
         CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_StopAsync));
         CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_ReqAsync));
+        CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_WsTimer));
         // One more pass completes the closes begun above and those that
         // curl_multi_cleanup began for its sockets, so no handle memory is left
         // behind when the loop goes.
@@ -139,6 +148,7 @@ void CHttpFrame::ReleaseLoopResources() {
         uv_loop_close(m_Loop.get());
         m_Loop.reset();
     }
+    m_WsDue.clear();
 }
 
 void CHttpFrame::Uninit() {
@@ -264,6 +274,7 @@ void CHttpFrame::StopOnLoop(uv_async_t*) {
     CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_Timer));
     CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_StopAsync));
     CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_ReqAsync));
+    CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_WsTimer));
 }
 
 // ---------------------------------------------------------------------------

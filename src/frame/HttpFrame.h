@@ -20,6 +20,8 @@
 
 namespace netloop {
 
+class CHttpHandle;
+
 enum FrameState : int32_t {
     FrameIdle = 0,     // nothing set up; Init may run
     FrameIniting = 1,  // Init is at work
@@ -81,6 +83,14 @@ public:
     static void FreeCurlSocketRec(uv_handle_t* handle);
     void CheckMultiInfo();
     void FinishHttpReq(CURL* easy, CURLcode result);
+    void EndWebSocket(CURL* easy, CURLcode result);
+
+    // WebSocket connections that need the loop outside libcurl (loop thread
+    // only): served as soon as the current libcurl call has returned, or by
+    // m_WsTimer after `delayMs` when no libcurl call is under way.
+    void ScheduleWs(const std::shared_ptr<CHttpHandle>& handle, uint64_t delayMs);
+    void RunWsService();
+    static void OnWsTimer(uv_timer_t* timer);
 
     // The libcurl share locks (ShareLocks.cpp).
     static void OnShareLock(CURL* handle, curl_lock_data data, curl_lock_access access, void* userptr);
@@ -104,6 +114,8 @@ public:
     CURLSH* m_Share = nullptr;
     std::mutex m_ShareMutex[kShareLockCount];
     int m_CurlDepth = 0;  // loop thread only; see InsideCurl
+    uv_timer_t m_WsTimer;  // serves m_WsDue between libcurl calls
+    std::vector<std::weak_ptr<CHttpHandle>> m_WsDue;  // loop thread only
 
 private:
     void FrameThread(std::shared_ptr<CHttpFrame> self);

@@ -58,6 +58,11 @@ int CHttpHandle::SetOutputFile(const char* path) {
 
 int CHttpHandle::EnableProgress(bool enable) {
     if (!IsReady() || m_Curl == nullptr) return -1;
+    if (m_ReqType == HTTP_REQ_WEBSOCKET) {
+        // A WebSocket transfer reports its progress rounds anyway (WsTransfer.cpp).
+        m_WsProgress.store(enable);
+        return 0;
+    }
     CURLcode rc = curl_easy_setopt(m_Curl, CURLOPT_NOPROGRESS, enable ? 0L : 1L);
     if (rc != CURLE_OK) {
         WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl set CURLOPT_NOPROGRESS[%d] failed", static_cast<int>(rc),
@@ -83,6 +88,10 @@ int CHttpHandle::EnableProgress(bool enable) {
 int CHttpHandle::CurlXferInfoCallback(void* userp, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal,
                                       curl_off_t ulnow) {
     CHttpHandle* handle = static_cast<std::shared_ptr<CHttpHandle>*>(userp)->get();
+    if (handle->m_ReqType == HTTP_REQ_WEBSOCKET) {
+        handle->OnWsRound();
+        if (!handle->m_WsProgress.load()) return 0;
+    }
     std::shared_ptr<IHttpHandleNotic> notic = handle->m_Notic;
     if (notic)
         notic->OnProgress(handle->m_Tag.c_str(), handle->m_Url.c_str(), dltotal, dlnow, ultotal, ulnow,

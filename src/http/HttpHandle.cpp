@@ -139,7 +139,8 @@ bool CHttpHandle::SetRequestType(int reqType) {
         {CURLOPT_POST, 1, "[NETLOOP]err[%d:%s]curl set CURLOPT_POST[%d] failed"},
         {CURLOPT_UPLOAD, 1, "[NETLOOP]err[%d:%s]curl set CURLOPT_UPLOAD[%d] failed"},
     };
-    if (reqType < HTTP_REQ_GET || reqType > HTTP_REQ_UPLOAD) return true;  // WebSocket and others: libcurl's default
+    if (reqType == HTTP_REQ_WEBSOCKET) return SetWsOptions();  // no method option: libcurl's default
+    if (reqType < HTTP_REQ_GET || reqType > HTTP_REQ_UPLOAD) return true;  // others: libcurl's default
     const LongOption& opt = kMethods[reqType];
     CURLcode rc = curl_easy_setopt(m_Curl, opt.option, opt.value);
     if (rc == CURLE_OK) return true;
@@ -223,6 +224,8 @@ int CHttpHandle::OperAdd(const std::shared_ptr<CHttpFrame>& frame, const AsynHtt
         WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl_multi_add_handle failed while AddHttpReq",
                     static_cast<int>(rc), curl_multi_strerror(rc));
         result = -1;
+    } else {
+        OnWsAdded();
     }
     CallDone(oper, result);
     return result;
@@ -236,6 +239,7 @@ int CHttpHandle::OperDel(const std::shared_ptr<CHttpFrame>& frame, const AsynHtt
 }
 
 int CHttpHandle::RemoveFromMulti(const std::shared_ptr<CHttpFrame>& frame, const char* failure) {
+    OnWsRemoved();
     CURLMcode rc = m_Curl != nullptr ? curl_multi_remove_handle(frame->m_Multi, m_Curl) : CURLM_BAD_EASY_HANDLE;
     if (rc == CURLM_OK) return 0;
     WriteNetLog(LOG_ERROR, failure, static_cast<int>(rc), curl_multi_strerror(rc));
@@ -267,6 +271,9 @@ int CHttpHandle::Disconnect() {
     // removal waits for the queue.
     if (frame->IsLoopThread() && !frame->InsideCurl())
         return RemoveFromMulti(frame, "[NETLOOP]err[%d:%s]curl_multi_remove_handle failed while DelHttpReq");
+    // A WebSocket disconnected from inside a callback is over for the
+    // application now, though libcurl lets go of it only after the call.
+    if (frame->IsLoopThread()) OnWsRemoved();
     auto oper = std::make_shared<AsynHttpReq>();
     oper->m_Type = OperDisconnectWS;
     oper->m_Oper = shared_from_this();

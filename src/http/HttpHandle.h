@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <deque>
 #include <list>
 #include <memory>
 #include <string>
@@ -72,6 +73,14 @@ public:
     static int CurlXferInfoCallback(void* userp, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal,
                                     curl_off_t ulnow);
     static int CurlDebugCallback(CURL* handle, curl_infotype type, char* data, size_t size, void* userp);
+    static size_t CurlWsHeaderCallback(char* data, size_t size, size_t nitems, void* userp);
+
+    // WebSocket work that the frame runs on the loop thread outside libcurl:
+    // right after the libcurl call that asked for it, or when the retry delay
+    // of a stalled send has passed.
+    void ServiceWs();
+    // libcurl reported the end of this WebSocket transfer (frame's CheckMultiInfo).
+    void OnWsEnded(CURLcode result);
 
     // Splits `url` with libcurl's URL parser; `port` is the URL's own port or
     // the scheme's default, empty when neither is known.
@@ -93,9 +102,39 @@ private:
     void ReleaseTransfer();
 
     // WebSocket (WsTransfer.cpp).
-    void OnWsChunk(char* data, size_t len);
-    void SendWsMessage(const std::shared_ptr<std::vector<uint8_t>>& data, int flags, size_t* sent);
+    enum WsPhase : uint8_t {
+        WS_PHASE_IDLE,        // armed, not yet added
+        WS_PHASE_CONNECTING,  // in the multi handle, upgrade not finished
+        WS_PHASE_UPGRADED,    // libcurl finished the upgrade during the current call; not yet announced
+        WS_PHASE_OPEN,        // announced; messages flow both ways
+        WS_PHASE_ENDED,       // out of the multi handle, by libcurl or by the application
+    };
+    struct WsOutMessage {
+        std::shared_ptr<std::vector<uint8_t>> data;
+        unsigned int flags;
+        size_t done;  // payload bytes libcurl has taken so far
+    };
+    struct WsEarlyMessage {
+        int type;
+        std::string bytes;
+    };
+    bool SetWsOptions();
+    void OnWsChunk(const char* data, size_t len);
+    void OnWsRound();
+    void OnWsFrameBytes(const char* data, size_t len, int flags, curl_off_t bytesleft);
+    void DeliverWs(const char* data, size_t len, int type);
+    void OnWsUpgraded();
+    bool OpenWs();
+    void OnWsAdded();
+    void OnWsRemoved();
+    void SendWsOnLoop(std::shared_ptr<std::vector<uint8_t>> data, unsigned int flags, size_t* sent, bool record,
+                      bool insideCurl);
     void OperWsSend(const AsynWSSendReq& oper);
+    void FlushWs();
+    void DropWsQueue();
+    void ResetWsReceive();
+    void ScheduleWs(uint64_t delayMs);
+    void NotifyWsState(int state);
 
     CURL* m_Curl = nullptr;
     std::string m_Url;
@@ -114,6 +153,18 @@ private:
     std::shared_ptr<CHttpHandle>* m_Self = nullptr;
     std::shared_ptr<CHttpFrame> m_Frame;  // accessed atomically
     std::atomic<int32_t> m_State{HTTP_HANDLE_IDLE};
+
+    // WebSocket connection state; loop thread only unless noted.
+    std::deque<WsOutMessage> m_WsOut;      // ordered outgoing messages not yet fully taken by libcurl
+    std::vector<WsEarlyMessage> m_WsEarly; // messages that came with the upgrade, held for the open notice
+    std::string m_WsControl;               // a control frame that spans chunks
+    uint32_t m_WsGeneration = 0;           // counts connections, so a notice can tell its connection went away
+    uint32_t m_WsRetryMs = 0;              // delay of the next try while libcurl takes no bytes
+    int m_WsMessageType = 0;               // type of the message being reassembled in m_Response
+    WsPhase m_WsPhase = WS_PHASE_IDLE;
+    bool m_WsInMessage = false;            // a fragmented data message is under way
+    bool m_WsDue = false;                  // waiting in the frame's WebSocket service list
+    std::atomic<bool> m_WsProgress{false}; // OnProgress wanted; set by EnableProgress on any thread
 };
 
 }  // namespace netloop
