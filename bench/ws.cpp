@@ -77,7 +77,7 @@ public:
 };
 
 // Returns the elapsed seconds of the timed messages, or a negative value after
-// having printed the result line (failure or skip) itself.
+// having printed the failure line itself.
 double RunNetloop(bench::Result& res, int& exitCode, const std::string& url, int type,
                   const std::shared_ptr<std::vector<uint8_t>>& payload, uint64_t warmup, uint64_t n, double limit) {
     bench::FrameScope frame;
@@ -107,8 +107,7 @@ double RunNetloop(bench::Result& res, int& exitCode, const std::string& url, int
     };
     if (!ws->opened.Wait(kOpenWaitSeconds)) {
         finish();
-        exitCode = res.Skip("no OnWsState(WS_STATE_OPEN) within 5 s: this netloop build does not announce open "
-                            "WebSocket connections yet, so there is no point to start sending from");
+        exitCode = res.Fail("no OnWsState(WS_STATE_OPEN) within 5 s");
         return -1;
     }
     if (ws->ended != 0) {
