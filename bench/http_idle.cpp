@@ -57,12 +57,19 @@ int main(int argc, char** argv) {
     // Both sides run a frame, so the process around the handles is the same.
     bench::FrameScope frame;
     if (!frame.ok()) return res.Fail("frame did not start");
-    // One handle of each kind first: libcurl's and netloop's one-time set-up is
-    // not a per-handle cost.
+    // One handle of each kind first, on both sides: libcurl's and netloop's
+    // one-time set-up (the resolver among them) is not a per-handle cost.
     {
         CURL* easy = curl_easy_init();
         bench::SetPlainOptions(easy, url.c_str());
         curl_easy_cleanup(easy);
+        auto h = IHttpHandleInterface::Create();
+        if (h->InitHttpReq(url.c_str(), nullptr, HTTP_REQ_GET, std::make_shared<IdleNotice>(), 0, 0, nullptr) != 0)
+            return res.Fail("InitHttpReq failed");
+        bench::Countdown deleted(1);
+        frame->DelHttpReq(h, true, [&](std::shared_ptr<IHttpHandleInterface>, void*, int) { deleted.Add(1); },
+                          nullptr);
+        if (!deleted.Wait(10)) return res.Fail("the first handle was not deleted in time");
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     bench::ResetPeakResident();

@@ -3,7 +3,8 @@
 //
 //   --impl=share      Init(..., enableShare = true, ...)
 //   --impl=noshare    Init(..., enableShare = false, ...): the reference
-//   --concurrency=C (16)  --n=N (5000)  --warmup=W (100)
+//   --concurrency=C (16)  --n=N per round (5000)  --warmup=W (100)
+//   --min-seconds=S rounds go on until S seconds have passed (1)
 // Figure: requests per second.
 #include <curl/curl.h>
 
@@ -23,6 +24,7 @@ int main(int argc, char** argv) {
     const int concurrency = static_cast<int>(args.Int("concurrency", 16));
     const uint64_t n = static_cast<uint64_t>(args.Int("n", 5000));
     const uint64_t warmup = static_cast<uint64_t>(args.Int("warmup", 100));
+    const double minSeconds = args.Num("min-seconds", 1.0);
     const int timeout = static_cast<int>(args.Int("timeout", 120));
     bench::StartWatchdog("https_share", impl, timeout);
     bench::Result res("https_share", impl);
@@ -40,7 +42,7 @@ int main(int argc, char** argv) {
     options.bodySize = testsupport::NginxServer::SmallBody().size();
     options.caPath = testsupport::TestTls().caFile;
     auto gets = std::make_shared<bench::NetloopGets>(frame.get(), options);
-    int rc = bench::MeasureGets(res, *gets, warmup, n, concurrency, timeout, [&] {
+    int rc = bench::MeasureGets(res, *gets, warmup, n, concurrency, timeout, minSeconds, [&] {
         // How many TLS connections nginx saw, and over which protocol.
         std::set<uint64_t> connections;
         std::string protocol;

@@ -7,9 +7,10 @@
 //                     uv_async_send; each record is a shared object with a
 //                     target the loop thread calls
 //   --producers=P (1)  --n=N records in all (1000000)
+//   --min-seconds=S whole runs are repeated until they add up to S seconds (1)
 // Figure: records per second, from the producers' start until the loop thread
-// has run the last record. Built on Google Benchmark (one manual-time
-// iteration) and printed as one JSON line.
+// has run the last record. Built on Google Benchmark (manual time, one
+// iteration per run) and printed as one JSON line.
 #include <benchmark/benchmark.h>
 #include <uv.h>
 
@@ -182,6 +183,7 @@ int main(int argc, char** argv) {
     bench::Args args(argc, argv);
     const std::string impl = args.Str("impl", "netloop");
     const int producers = static_cast<int>(args.Int("producers", 1));
+    const double minSeconds = args.Num("min-seconds", 1.0);
     const uint64_t n = static_cast<uint64_t>(args.Int("n", 1000000));
     bench::StartWatchdog("queue", impl, static_cast<int>(args.Int("timeout", 120)));
     bench::Result res("queue", impl);
@@ -189,8 +191,9 @@ int main(int argc, char** argv) {
     if (impl != "netloop" && impl != "baseline") return res.Fail("unknown --impl (netloop, baseline)");
     if (producers < 1) return res.Fail("--producers must be at least 1");
 
-    benchmark::RegisterBenchmark(("queue/" + impl).c_str(),
+    benchmark::internal::Benchmark* run = benchmark::RegisterBenchmark(("queue/" + impl).c_str(),
                                  [&](benchmark::State& state) {
+                                     double total = 0;
                                      for (auto _ : state) {
                                          double s = impl == "netloop" ? RunNetloop(producers, n)
                                                                       : RunBaseline(producers, n);
@@ -199,11 +202,19 @@ int main(int argc, char** argv) {
                                              break;
                                          }
                                          state.SetIterationTime(s);
-                                         state.counters["rate"] = static_cast<double>(n) / s;
+                                         total += s;
                                      }
-                                 })
-        ->Iterations(1)
-        ->UseManualTime();
+                                     if (total > 0)
+                                         state.counters["rate"] =
+                                             static_cast<double>(n) * static_cast<double>(state.iterations()) / total;
+                                 });
+    // Whole runs are repeated until they add up to --min-seconds (Google
+    // Benchmark picks the count); 0 makes one run.
+    if (minSeconds > 0) {
+        run->MinTime(minSeconds)->UseManualTime();
+    } else {
+        run->Iterations(1)->UseManualTime();
+    }
     bench::OneLineReporter reporter(res, "records/s");
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();

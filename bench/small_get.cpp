@@ -7,7 +7,8 @@
 //                      uv_poll_t per socket, one uv_timer_t (the shape of
 //                      libcurl's own multi-uv example)
 //   --impl=wrk         wrk -t1 against the same nginx: the machine's ceiling
-//   --concurrency=C (16)  --n=N transfers (20000)  --warmup=W (200)
+//   --concurrency=C (16)  --n=N transfers per round (20000)  --warmup=W (200)
+//   --min-seconds=S rounds go on until S seconds have passed (1)
 //   --duration=S wrk's run time (3)
 // Figure: requests per second.
 #include <curl/curl.h>
@@ -262,6 +263,7 @@ int main(int argc, char** argv) {
     const int concurrency = static_cast<int>(args.Int("concurrency", 16));
     const uint64_t n = static_cast<uint64_t>(args.Int("n", 20000));
     const uint64_t warmup = static_cast<uint64_t>(args.Int("warmup", 200));
+    const double minSeconds = args.Num("min-seconds", 1.0);
     const int timeout = static_cast<int>(args.Int("timeout", 120));
     bench::StartWatchdog("small_get", impl, timeout);
     bench::Result res("small_get", impl);
@@ -285,15 +287,15 @@ int main(int argc, char** argv) {
         options.url = url;
         options.bodySize = kBodySize;
         auto gets = std::make_shared<bench::NetloopGets>(frame.get(), options);
-        return bench::MeasureGets(res, *gets, warmup, n, concurrency, limit);
+        return bench::MeasureGets(res, *gets, warmup, n, concurrency, limit, minSeconds);
     }
     if (impl == "multi_poll") {
         MultiPollGets gets(url);
-        return bench::MeasureGets(res, gets, warmup, n, concurrency, limit);
+        return bench::MeasureGets(res, gets, warmup, n, concurrency, limit, minSeconds);
     }
     if (impl == "multi_uv") {
         MultiUvGets gets(url);
-        return bench::MeasureGets(res, gets, warmup, n, concurrency, limit);
+        return bench::MeasureGets(res, gets, warmup, n, concurrency, limit, minSeconds);
     }
     if (impl == "wrk")
         return RunWrk(res, url, concurrency, static_cast<int>(args.Int("duration", 3)), args.Str("wrk", "wrk"));

@@ -78,21 +78,26 @@ private:
     Countdown m_Done;
 };
 
-// Warm-up, then `n` timed transfers; prints the result line. Works with any
-// runner that has Run(n, concurrency, limit) and Counts().
-// `describe`, when given, may add extra fields before the line is printed.
+// Warm-up, then rounds of `n` timed transfers until `minSeconds` have passed
+// (at least one round); prints the result line. Works with any runner that has
+// Run(n, concurrency, limit) and Counts(). `describe`, when given, may add extra
+// fields before the line is printed.
 template <typename Runner>
 int MeasureGets(Result& res, Runner& runner, uint64_t warmup, uint64_t n, int concurrency, double limit,
-                const std::function<void()>& describe = nullptr) {
+                double minSeconds, const std::function<void()>& describe = nullptr) {
     if (warmup > 0 && !runner.Run(warmup, concurrency, limit)) return res.Fail("warm-up did not finish");
     const double t0 = Now();
-    if (!runner.Run(n, concurrency, limit)) return res.Fail("transfers did not finish in time");
+    uint64_t done = 0;
+    do {
+        if (!runner.Run(n, concurrency, limit)) return res.Fail("transfers did not finish in time");
+        done += n;
+    } while (Now() - t0 < minSeconds);
     const double elapsed = Now() - t0;
     auto counts = runner.Counts();
     if (counts.bad != 0) return res.Fail(std::to_string(counts.bad) + " transfers failed");
-    res.Extra("seconds", elapsed);
+    res.Extra("transfers", static_cast<double>(done)).Extra("seconds", elapsed);
     if (describe) describe();
-    return res.Print(static_cast<double>(n) / elapsed, "req/s");
+    return res.Print(static_cast<double>(done) / elapsed, "req/s");
 }
 
 }  // namespace bench
