@@ -195,6 +195,7 @@ int CHttpHandle::DoAsynOper(std::shared_ptr<AsynOperReq> oper, std::shared_ptr<C
         case OperDelHttp:
             return OperDel(runner, rec);
         case OperDisconnectWS:
+            m_EndQueued = false;
             return RemoveFromMulti(runner, "[NETLOOP]err[%d:%s]curl_multi_remove_handle failed while DelHttpReq");
         case OperWSSend:
             OperWsSend(static_cast<AsynWSSendReq&>(*oper));
@@ -229,6 +230,7 @@ int CHttpHandle::OperAdd(const std::shared_ptr<CHttpFrame>& frame, const AsynHtt
 }
 
 int CHttpHandle::OperDel(const std::shared_ptr<CHttpFrame>& frame, const AsynHttpReq& oper) {
+    m_EndQueued = false;
     int result = RemoveFromMulti(frame, "[NETLOOP]err[%d:%s]curl_multi_remove_handle failed while DelHttpReq");
     CallDone(oper, result);  // the handle is still whole here
     ReleaseTransfer();
@@ -270,6 +272,8 @@ int CHttpHandle::Disconnect() {
     auto oper = std::make_shared<AsynHttpReq>();
     oper->m_Type = OperDisconnectWS;
     oper->m_Oper = shared_from_this();
+    // On the loop thread m_Running cannot change under us: the record is taken.
+    if (frame->IsLoopThread()) m_EndQueued = true;
     frame->PostAsynOper(std::move(oper));
     return 0;
 }
