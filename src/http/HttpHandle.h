@@ -120,6 +120,7 @@ private:
     std::shared_ptr<IHttpHandleNotic> m_Notic;
     std::shared_ptr<CHttpHandle>* m_Self = nullptr;
     std::shared_ptr<CHttpFrame> m_Frame;  // accessed atomically
+    CURLSH* m_JoinedShare = nullptr;      // the share m_Curl was attached to (loop thread)
     bool m_EndQueued = false;             // see SetEndQueued (loop thread)
     std::atomic<int32_t> m_State{HTTP_HANDLE_IDLE};
 };
