@@ -11,9 +11,9 @@
 
 namespace testsupport {
 
-// Byte i of an endless, non-periodic binary stream (every byte value occurs).
-// Any range of it can be produced independently, so a server can serve
-// /bytes/N in pieces and a test can compare any slice.
+// Byte i of an endless binary stream without short period (every byte value
+// occurs). Any range of it can be produced on its own, quickly, so a server
+// can serve /bytes/N in pieces and a test can compare any slice.
 char DeterministicByte(uint64_t i);
 // Bytes [offset, offset + n) of that stream.
 std::string DeterministicBytes(uint64_t n, uint64_t offset = 0);

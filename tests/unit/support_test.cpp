@@ -9,6 +9,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <optional>
@@ -30,6 +32,35 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 double SecondsSince(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
+
+// ---------------------------------------------------------------- test data
+
+TEST(TestDataTest, SlicesAgreeWithTheWholeStream) {
+    // Every comparison in the server tests relies on these agreeing, across
+    // the generator's internal block boundaries in particular.
+    const std::string whole = DeterministicBytes(3 * 4096 + 17);
+    const std::string text = DeterministicText(whole.size());
+    for (uint64_t offset : {0, 1, 4095, 4096, 4097, 8190}) {
+        for (uint64_t n : {0, 1, 2, 4096, 4100}) {
+            SCOPED_TRACE(std::to_string(offset) + "+" + std::to_string(n));
+            EXPECT_EQ(DeterministicBytes(n, offset), whole.substr(offset, n));
+            EXPECT_EQ(DeterministicText(n, offset), text.substr(offset, n));
+            if (n > 0) {
+                EXPECT_EQ(DeterministicByte(offset + n - 1), whole[offset + n - 1]);
+                EXPECT_EQ(DeterministicTextByte(offset + n - 1), text[offset + n - 1]);
+            }
+        }
+    }
+    EXPECT_NE(whole.substr(0, 4096), whole.substr(4096, 4096));
+    EXPECT_EQ(text.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/"),
+              std::string::npos);
+    std::string big = DeterministicBytes(1 << 16);
+    std::vector<bool> seen(256);
+    for (char c : big) seen[static_cast<uint8_t>(c)] = true;
+    EXPECT_EQ(std::count(seen.begin(), seen.end(), true), 256);
+    EXPECT_EQ(DeterministicSha256((3 << 20) + 5), Sha256Hex(DeterministicBytes((3 << 20) + 5)));
+    EXPECT_EQ(Sha256Hex(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+}
 
 // ---------------------------------------------------------------- HTTP client
 
