@@ -2,7 +2,6 @@
 // bodies, uploads, output files, progress, TLS verification, HTTP/2, request
 // headers, the verbose trace and the frame's share.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <fstream>
 #include <map>
@@ -24,17 +23,6 @@ using testsupport::ScopedCaptureLogger;
 using testsupport::ScopedResolver;
 
 namespace {
-
-std::string FileSha256(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    testsupport::Sha256 sha;
-    std::vector<char> buf(1 << 20);
-    while (in) {
-        in.read(buf.data(), static_cast<std::streamsize>(buf.size()));
-        sha.Update(buf.data(), static_cast<size_t>(in.gcount()));
-    }
-    return sha.Hex();
-}
 
 std::string ReadFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
@@ -180,7 +168,7 @@ TEST(HttpBodies, OutputFilesTakeTheResponse) {
     ASSERT_TRUE(notice->WaitFinishes(1, 60s));
     EXPECT_EQ(notice->Finishes()[0].result, 0);
     EXPECT_EQ(Delete(frame, handle), 0);  // closes the file
-    EXPECT_EQ(FileSha256(deep), testsupport::DeterministicSha256(big));
+    EXPECT_EQ(testsupport::Sha256Hex(ReadFile(deep)), testsupport::DeterministicSha256(big));
     EXPECT_EQ(handle->GetResponse(), "");
 
     // One easy handle, two transfers, a new file for the second.

@@ -100,53 +100,59 @@ TEST(HttpTransfer, OutcomesReachOnFinishAndTheLog) {
     StopFrame(frame);
 }
 
+// Also on a frame with multiplexing and tight connection limits, where most
+// transfers wait inside libcurl for a connection.
 TEST(HttpTransfer, ThousandTransfersFromFourThreadsFinishOnceEach) {
     HttpTestServer server;
-    auto frame = StartFrame();
     const int kThreads = 4;
     const int perThread = Sanitized() ? 60 : 250;
     const int total = kThreads * perThread;
-    struct Slot {
-        std::shared_ptr<Notice> notice = std::make_shared<Notice>();
-        std::atomic<int> bodyRight{0};
-        std::atomic<int> deleted{-99};
-    };
-    std::vector<Slot> slots(total);
-    std::atomic<int> finished{0};
-    auto begin = std::chrono::steady_clock::now();
-    std::vector<std::thread> producers;
-    for (int t = 0; t < kThreads; ++t)
-        producers.emplace_back([&, t] {
-            for (int i = 0; i < perThread; ++i) {
-                const int n = t * perThread + i;
-                const uint64_t size = 1 + (static_cast<uint64_t>(n) * 7919) % 20000;
-                Slot& slot = slots[n];
-                slot.notice->onFinish = [&, size](const std::shared_ptr<IHttpHandleInterface>& h, int) {
-                    slot.bodyRight = h->GetResponse() == testsupport::DeterministicBytes(size) ? 1 : 0;
-                    // The direct road from inside OnFinish: torn down at once.
-                    slot.deleted = frame->DelHttpReq(h, false, nullptr, nullptr);
-                    finished.fetch_add(1);
-                };
-                auto handle = IHttpHandleInterface::Create();
-                const std::string url = server.Url("/bytes/" + std::to_string(size));
-                ASSERT_EQ(handle->InitHttpReq(url.c_str(), nullptr, HTTP_REQ_GET, slot.notice, 5000, 30000, nullptr), 0);
-                ASSERT_EQ(frame->AddHttpReq(handle, false, nullptr, nullptr), 0);
-            }
-        });
-    for (auto& p : producers) p.join();
-    ASSERT_TRUE(WaitUntil([&] { return finished.load() == total; }, 60s)) << finished.load() << " of " << total;
-    auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begin);
-    std::printf("%d transfers from %d threads: %lld ms\n", total, kThreads, static_cast<long long>(elapsed.count()));
-    OnLoop(frame, [] {});  // nothing more is in flight; a late second OnFinish would show now
-    for (int n = 0; n < total; ++n) {
-        auto finishes = slots[n].notice->Finishes();
-        ASSERT_EQ(finishes.size(), 1u) << n;
-        EXPECT_EQ(finishes[0].result, 0) << n;
-        EXPECT_EQ(finishes[0].status, 200) << n;
-        EXPECT_EQ(slots[n].bodyRight.load(), 1) << n;
-        EXPECT_EQ(slots[n].deleted.load(), 0) << n;
+    for (bool pipelining : {false, true}) {
+        SCOPED_TRACE(pipelining ? "limited connections" : "libcurl's defaults");
+        auto frame = StartFrame(false, pipelining);
+        struct Slot {
+            std::shared_ptr<Notice> notice = std::make_shared<Notice>();
+            std::atomic<int> bodyRight{0};
+            std::atomic<int> deleted{-99};
+        };
+        std::vector<Slot> slots(total);
+        std::atomic<int> finished{0};
+        auto begin = std::chrono::steady_clock::now();
+        std::vector<std::thread> producers;
+        for (int t = 0; t < kThreads; ++t)
+            producers.emplace_back([&, t] {
+                for (int i = 0; i < perThread; ++i) {
+                    const int n = t * perThread + i;
+                    const uint64_t size = 1 + (static_cast<uint64_t>(n) * 7919) % 20000;
+                    Slot& slot = slots[n];
+                    slot.notice->onFinish = [&, size](const std::shared_ptr<IHttpHandleInterface>& h, int) {
+                        slot.bodyRight = h->GetResponse() == testsupport::DeterministicBytes(size) ? 1 : 0;
+                        // The direct road from inside OnFinish: torn down at once.
+                        slot.deleted = frame->DelHttpReq(h, false, nullptr, nullptr);
+                        finished.fetch_add(1);
+                    };
+                    auto handle = IHttpHandleInterface::Create();
+                    const std::string url = server.Url("/bytes/" + std::to_string(size));
+                    ASSERT_EQ(handle->InitHttpReq(url.c_str(), nullptr, HTTP_REQ_GET, slot.notice, 5000, 30000, nullptr), 0);
+                    ASSERT_EQ(frame->AddHttpReq(handle, false, nullptr, nullptr), 0);
+                }
+            });
+        for (auto& p : producers) p.join();
+        ASSERT_TRUE(WaitUntil([&] { return finished.load() == total; }, 60s)) << finished.load() << " of " << total;
+        auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begin);
+        std::printf("%d transfers from %d threads (%s): %lld ms\n", total, kThreads,
+                    pipelining ? "limited connections" : "libcurl's defaults", static_cast<long long>(elapsed.count()));
+        OnLoop(frame, [] {});  // nothing more is in flight; a late second OnFinish would show now
+        for (int n = 0; n < total; ++n) {
+            auto finishes = slots[n].notice->Finishes();
+            ASSERT_EQ(finishes.size(), 1u) << n;
+            EXPECT_EQ(finishes[0].result, 0) << n;
+            EXPECT_EQ(finishes[0].status, 200) << n;
+            EXPECT_EQ(slots[n].bodyRight.load(), 1) << n;
+            EXPECT_EQ(slots[n].deleted.load(), 0) << n;
+        }
+        StopFrame(frame);
     }
-    StopFrame(frame);
 }
 
 TEST(HttpTransfer, AddressPinReachesServersNoDnsKnows) {
@@ -559,8 +565,20 @@ TEST(CurlBridge, DirectCallsOnAFrameThatDoesNotRun) {
         if (h->type == UV_POLL && !uv_is_closing(h)) ++*static_cast<int*>(arg);
     }, &polls);
     EXPECT_EQ(polls, 0);
-    ::close(fds[0]);
+
+    // A record whose socket is closed already when its removal comes: the
+    // loop must neither abort nor keep the record.
+    auto* rec = static_cast<CurlSocketRec*>(std::malloc(sizeof(CurlSocketRec)));
+    ASSERT_EQ(uv_poll_init_socket(impl->m_Loop.get(), &rec->m_Poll, fds[1]), 0);
+    rec->m_Poll.data = rec;
+    rec->m_Socket = fds[1];
+    rec->m_Frame = impl.get();
+    ASSERT_EQ(uv_poll_start(&rec->m_Poll, UV_READABLE, CHttpFrame::CurlPerform), 0);
+    uv_run(impl->m_Loop.get(), UV_RUN_NOWAIT);  // the socket is now in the kernel's interest list
     ::close(fds[1]);
+    EXPECT_EQ(CHttpFrame::HandleSocket(nullptr, fds[1], CURL_POLL_REMOVE, impl.get(), rec), 0);
+    uv_run(impl->m_Loop.get(), UV_RUN_NOWAIT);  // the close callback frees the record
+    ::close(fds[0]);
 }
 
 // A server that drops kept-alive connections under libcurl's feet: libcurl
