@@ -6,6 +6,7 @@
 #include <fstream>
 #include <map>
 #include <regex>
+#include <set>
 
 #include "HttpTestKit.h"
 #include "support/CaptureLogger.h"
@@ -15,12 +16,14 @@
 #include "support/TempDir.h"
 #include "support/TestData.h"
 #include "support/TestTls.h"
+#include "support/Wait.h"
 
 using namespace httptest;
 using testsupport::FakeResolver;
 using testsupport::HttpTestServer;
 using testsupport::ScopedCaptureLogger;
 using testsupport::ScopedResolver;
+using testsupport::WaitUntil;
 
 namespace {
 
@@ -298,6 +301,36 @@ TEST(HttpTls, Http2IsNegotiatedWithNginx) {
     EXPECT_EQ(entries[0].protocol, "HTTP/2.0");
     EXPECT_EQ(entries[1].protocol, "HTTP/1.1");
     StopFrame(frame);
+
+    // With multiplexing, transfers added at once share HTTP/2 connections
+    // (at most two to one host) and some are deleted while they run.
+    frame = StartFrame(false, true);
+    const int count = 60;
+    auto notice = std::make_shared<Notice>();
+    std::vector<std::shared_ptr<IHttpHandleInterface>> handles;
+    for (int i = 0; i < count; ++i) {
+        auto h = IHttpHandleInterface::Create();
+        ASSERT_EQ(h->InitHttpReq(nginx.TlsUrl("/small").c_str(), nullptr, HTTP_REQ_GET, notice, 5000, 20000, nullptr), 0);
+        ASSERT_EQ(h->SetCaPath(ca.c_str()), 0);
+        ASSERT_EQ(frame->AddHttpReq(h, false, nullptr, nullptr), 0);
+        handles.push_back(h);
+    }
+    for (int i = 0; i < count; i += 6) EXPECT_EQ(Delete(frame, handles[i]), 0);
+    ASSERT_TRUE(WaitUntil([&] { return notice->Finishes().size() >= static_cast<size_t>(count - count / 6); }, 20s));
+    for (int i = 0; i < count; ++i) {
+        if (i % 6 != 0) {
+            EXPECT_EQ(Delete(frame, handles[i]), 0);
+        }
+    }
+    for (const FinishCall& f : notice->Finishes()) EXPECT_EQ(f.status, 200);
+    StopFrame(frame);
+    ASSERT_TRUE(nginx.WaitForAccessLogLines(2 + notice->Finishes().size(), 5s));
+    std::set<uint64_t> connections;
+    for (size_t i = 2; i < nginx.AccessLog().size(); ++i) {
+        EXPECT_EQ(nginx.AccessLog()[i].protocol, "HTTP/2.0");
+        connections.insert(nginx.AccessLog()[i].connection);
+    }
+    EXPECT_LE(connections.size(), 2u);
 }
 
 TEST(HttpHeaders, SentAsGivenAddedUpAndKeptAfterTeardown) {
