@@ -59,8 +59,10 @@ enum WsState {
 };
 
 // Implemented by the application. Every call runs on the frame's loop thread.
-// OnWsData, OnProgress and OnUploadRead run inside libcurl: a DelHttpReq made
-// from there is carried out after the callback returns.
+// OnWsData, OnProgress and OnUploadRead run inside libcurl: a DelHttpReq,
+// AddHttpReq or Disconnect made from there is carried out after the callback
+// returns, and a transfer that ends in between gets no OnFinish once a delete
+// or disconnect is on its way.
 class IHttpHandleNotic {
 public:
     // A complete WebSocket message of WsMessageType `type`. `data` is valid for the

@@ -284,7 +284,7 @@ void CHttpFrame::FinishHttpReq(CURL* easy, CURLcode result) {
     // application deletes it and drops its own references there.
     std::shared_ptr<CHttpHandle> handle = *self;
     std::shared_ptr<CHttpHandle> keep = handle;
-    std::shared_ptr<IHttpHandleNotic> notic = handle->Notice();
+    std::shared_ptr<IHttpHandleNotic> notic = handle->EndQueued() ? nullptr : handle->Notice();
     if (notic) notic->OnFinish(keep, result == CURLE_OK ? 0 : -2, handle->GetUserData());
 }
 

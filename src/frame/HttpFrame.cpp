@@ -371,7 +371,14 @@ int CHttpFrame::AddHttpReq(std::shared_ptr<IHttpHandleInterface> handle, bool fo
 int CHttpFrame::DelHttpReq(std::shared_ptr<IHttpHandleInterface> handle, bool forceAsyn, HttpDoneFunc done,
                            void* userData) {
     if (!handle) return -1;
-    return SubmitHandleOper<AsynHttpReq>(OperDelHttp, handle, forceAsyn, std::move(done), userData);
+    // Queued by the loop thread itself: the transfer may still end before the
+    // record runs, and must not be reported as finished then.
+    const bool queuedOnLoop = IsLoopThread() && (forceAsyn || InsideCurl());
+    int rc = SubmitHandleOper<AsynHttpReq>(OperDelHttp, handle, forceAsyn, std::move(done), userData);
+    if (rc == 0 && queuedOnLoop) {
+        if (auto impl = std::dynamic_pointer_cast<CHttpHandle>(handle)) impl->SetEndQueued(true);
+    }
+    return rc;
 }
 
 int CHttpFrame::AddTimerReq(std::shared_ptr<ITimerHandleInterface> handle, bool forceAsyn, TimerDoneFunc done,

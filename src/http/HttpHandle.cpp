@@ -170,6 +170,7 @@ void CHttpHandle::ReleaseTransfer() {
     m_ResolveSlist = nullptr;
     curl_easy_cleanup(m_Curl);
     m_Curl = nullptr;
+    m_JoinedShare = nullptr;
     if (m_File != nullptr) {
         std::fclose(m_File);
         m_File = nullptr;
@@ -196,6 +197,7 @@ int CHttpHandle::DoAsynOper(std::shared_ptr<AsynOperReq> oper, std::shared_ptr<C
         case OperDelHttp:
             return OperDel(runner, rec);
         case OperDisconnectWS:
+            m_EndQueued = false;
             return RemoveFromMulti(runner, "[NETLOOP]err[%d:%s]curl_multi_remove_handle failed while DelHttpReq");
         case OperWSSend:
             OperWsSend(static_cast<AsynWSSendReq&>(*oper));
@@ -208,7 +210,7 @@ int CHttpHandle::DoAsynOper(std::shared_ptr<AsynOperReq> oper, std::shared_ptr<C
 int CHttpHandle::OperAdd(const std::shared_ptr<CHttpFrame>& frame, const AsynHttpReq& oper) {
     CURLMcode rc = CURLM_BAD_EASY_HANDLE;  // what libcurl answers for an idle handle
     if (m_Curl != nullptr && IsReady()) {
-        if (frame->m_Share != nullptr) {
+        if (frame->m_Share != nullptr && m_JoinedShare != frame->m_Share) {
             // The share's companions; a refused one only costs its own effect.
             curl_easy_setopt(m_Curl, CURLOPT_SHARE, frame->m_Share);
             curl_easy_setopt(m_Curl, CURLOPT_MAXLIFETIME_CONN, 300L);
@@ -216,6 +218,12 @@ int CHttpHandle::OperAdd(const std::shared_ptr<CHttpFrame>& frame, const AsynHtt
             curl_easy_setopt(m_Curl, CURLOPT_TCP_KEEPIDLE, 30L);
             curl_easy_setopt(m_Curl, CURLOPT_TCP_KEEPINTVL, 30L);
             curl_easy_setopt(m_Curl, CURLOPT_DNS_CACHE_TIMEOUT, 1800L);
+            // libcurl reads and stores cookies only for a transfer whose cookie
+            // engine is on, also when the share holds the cookie store; an
+            // empty file name turns it on without reading any file. Each call
+            // adds a name to the easy handle's list, hence once per easy handle.
+            curl_easy_setopt(m_Curl, CURLOPT_COOKIEFILE, "");
+            m_JoinedShare = frame->m_Share;
         }
         rc = curl_multi_add_handle(frame->m_Multi, m_Curl);
     }
@@ -232,6 +240,7 @@ int CHttpHandle::OperAdd(const std::shared_ptr<CHttpFrame>& frame, const AsynHtt
 }
 
 int CHttpHandle::OperDel(const std::shared_ptr<CHttpFrame>& frame, const AsynHttpReq& oper) {
+    m_EndQueued = false;
     int result = RemoveFromMulti(frame, "[NETLOOP]err[%d:%s]curl_multi_remove_handle failed while DelHttpReq");
     CallDone(oper, result);  // the handle is still whole here
     ReleaseTransfer();
@@ -277,6 +286,8 @@ int CHttpHandle::Disconnect() {
     auto oper = std::make_shared<AsynHttpReq>();
     oper->m_Type = OperDisconnectWS;
     oper->m_Oper = shared_from_this();
+    // On the loop thread m_Running cannot change under us: the record is taken.
+    if (frame->IsLoopThread()) m_EndQueued = true;
     frame->PostAsynOper(std::move(oper));
     return 0;
 }

@@ -67,6 +67,13 @@ public:
     // The finish notice of an HTTP transfer, for the frame's bridge.
     std::shared_ptr<IHttpHandleNotic> Notice() const { return m_Notic; }
 
+    // A delete or disconnect asked for on the loop thread waits in the queue
+    // (from inside libcurl it cannot run at once). A transfer that ends
+    // meanwhile was ended by the application already: it gets no OnFinish.
+    // Loop thread only.
+    void SetEndQueued(bool queued) { m_EndQueued = queued; }
+    bool EndQueued() const { return m_EndQueued; }
+
     // libcurl callbacks; `userp` is m_Self.
     static size_t CurlWriteCallback(char* data, size_t size, size_t nmemb, void* userp);
     static size_t CurlReadCallback(char* buffer, size_t size, size_t nitems, void* userp);
@@ -152,6 +159,8 @@ private:
     std::shared_ptr<IHttpHandleNotic> m_Notic;
     std::shared_ptr<CHttpHandle>* m_Self = nullptr;
     std::shared_ptr<CHttpFrame> m_Frame;  // accessed atomically
+    CURLSH* m_JoinedShare = nullptr;      // the share m_Curl was attached to (loop thread)
+    bool m_EndQueued = false;             // see SetEndQueued (loop thread)
     std::atomic<int32_t> m_State{HTTP_HANDLE_IDLE};
 
     // WebSocket connection state; loop thread only unless noted.

@@ -18,6 +18,20 @@ using testsupport::ScopedResolver;
 
 namespace {
 
+// An armed handle keeps itself alive until a frame deletes it.
+void EndThroughFrame(const std::shared_ptr<IHttpHandleInterface>& handle) {
+    auto frame = IHttpInterface::Create();
+    ASSERT_EQ(frame->Init(nullptr, false, false, nullptr), 0);
+    ASSERT_EQ(frame->Start(true), 0);
+    std::promise<int> deleted;
+    ASSERT_EQ(frame->DelHttpReq(handle, false, [&](std::shared_ptr<IHttpHandleInterface>, void*, int rc) {
+        deleted.set_value(rc);
+    }, nullptr), 0);
+    auto f = deleted.get_future();
+    ASSERT_EQ(f.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    EXPECT_EQ(frame->Stop(false), 0);  // the record ran before the stop: teardown is done
+}
+
 TEST(HttpSetup, SplitsHostAndPortWithSchemeDefaults) {
     struct Case {
         const char* url;
@@ -141,6 +155,7 @@ TEST(HttpSetup, GuardsRefuseSilentlyAndArmingIsExclusive) {
     std::shared_ptr<void> back;
     handle->GetContext(back);
     EXPECT_EQ(back, context);
+    EndThroughFrame(handle);
 }
 
 TEST(HttpSetup, TypedSettersAcceptTheirOwnKindOnly) {
@@ -160,6 +175,7 @@ TEST(HttpSetup, TypedSettersAcceptTheirOwnKindOnly) {
             handle->GetPostFields(fields);
             EXPECT_EQ(fields, "second");
         }
+        EndThroughFrame(handle);
     }
 }
 
