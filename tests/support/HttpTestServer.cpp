@@ -22,6 +22,7 @@
 #include <type_traits>
 
 #include "support/detail/AsioServer.h"
+#include "support/detail/RecordLog.h"
 
 namespace testsupport {
 
@@ -206,13 +207,15 @@ struct Shared {
     std::atomic<uint64_t> nthCounter{0};
     mutable std::mutex mutex;
     mutable std::condition_variable cond;
-    std::deque<RecordedRequest> records;
+    detail::RecordLog<RecordedRequest> records;
+
+    explicit Shared(const HttpTestServerOptions& o)
+        : options(o), records(o.maxRecords, o.maxKeptBodyBytes, &RecordedRequest::body, &RecordedRequest::bodyKept) {}
 
     void Record(RecordedRequest rec) {
         {
             std::lock_guard<std::mutex> lock(mutex);
-            records.push_back(std::move(rec));
-            while (records.size() > options.maxRecords) records.pop_front();
+            records.Add(std::move(rec));
             requests.fetch_add(1);
         }
         cond.notify_all();
@@ -565,7 +568,7 @@ struct HttpTestServer::Impl {
     Shared shared;
     detail::AsioServer io;
 
-    explicit Impl(const Options& options) : io(options.tls, options.ipv6, "http/1.1") { shared.options = options; }
+    explicit Impl(const Options& options) : shared(options), io(options.tls, options.ipv6, "http/1.1") {}
     // Sessions refer to `shared`: end them all before it goes.
     ~Impl() { io.Stop(); }
 };
@@ -602,17 +605,19 @@ uint64_t HttpTestServer::RequestCount() const { return m_Impl->shared.requests.l
 
 RecordedRequest HttpTestServer::LastRequest() const {
     std::lock_guard<std::mutex> lock(m_Impl->shared.mutex);
-    return m_Impl->shared.records.empty() ? RecordedRequest{} : m_Impl->shared.records.back();
+    const auto& items = m_Impl->shared.records.Items();
+    return items.empty() ? RecordedRequest{} : items.back();
 }
 
 std::vector<RecordedRequest> HttpTestServer::Requests() const {
     std::lock_guard<std::mutex> lock(m_Impl->shared.mutex);
-    return {m_Impl->shared.records.begin(), m_Impl->shared.records.end()};
+    const auto& items = m_Impl->shared.records.Items();
+    return {items.begin(), items.end()};
 }
 
 void HttpTestServer::ClearRequests() {
     std::lock_guard<std::mutex> lock(m_Impl->shared.mutex);
-    m_Impl->shared.records.clear();
+    m_Impl->shared.records.Clear();
 }
 
 bool HttpTestServer::WaitForRequests(uint64_t n, std::chrono::milliseconds timeout) const {

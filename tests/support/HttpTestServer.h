@@ -67,6 +67,7 @@ struct HttpTestServerOptions {
     bool ipv6 = false;         // bind ::1 instead of 127.0.0.1
     int threads = 2;           // I/O threads
     size_t maxRecords = 4096;  // most recent requests kept by Requests()
+    uint64_t maxKeptBodyBytes = 64ull << 20;  // beyond this, older records lose their body
 };
 
 struct RecordedRequest {
@@ -79,7 +80,7 @@ struct RecordedRequest {
     uint64_t bodySize = 0;
     std::string bodySha256;   // lowercase hex, also for an empty body
     std::string body;         // the body when bodySize < 1 MiB, else empty
-    bool bodyKept = true;
+    bool bodyKept = true;     // false: body too big, or dropped (see maxKeptBodyBytes)
 
     // First value of header `name` (case-insensitive), "" when absent.
     std::string Header(std::string_view name) const;

@@ -16,6 +16,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "support/detail/RecordLog.h"
+
 namespace testsupport {
 
 namespace {
@@ -50,7 +52,7 @@ struct UdpEchoPeer::Impl {
     std::atomic<uint64_t> echoed{0};
     mutable std::mutex mutex;
     mutable std::condition_variable cond;
-    std::vector<UdpDatagram> records;
+    std::unique_ptr<detail::RecordLog<UdpDatagram>> records;
     std::thread thread;
 
     void Run() {
@@ -72,8 +74,8 @@ struct UdpEchoPeer::Impl {
                 if (n < 0) break;  // EAGAIN, or an ICMP error from an earlier echo
                 {
                     std::lock_guard<std::mutex> lock(mutex);
-                    if (records.size() < options.maxRecords)
-                        records.push_back({SenderName(from), std::string(buf.data(), static_cast<size_t>(n))});
+                    records->Add({SenderName(from), std::string(buf.data(), static_cast<size_t>(n)),
+                                  static_cast<size_t>(n), true});
                     received.fetch_add(1);
                 }
                 cond.notify_all();
@@ -94,6 +96,8 @@ UdpEchoPeer::UdpEchoPeer() : UdpEchoPeer(Options{}) {}
 UdpEchoPeer::UdpEchoPeer(const Options& options) : m_Impl(std::make_unique<Impl>()) {
     Impl& d = *m_Impl;
     d.options = options;
+    d.records = std::make_unique<detail::RecordLog<UdpDatagram>>(options.maxRecords, options.maxKeptPayloadBytes,
+                                                                &UdpDatagram::payload, &UdpDatagram::payloadKept);
     d.fd = socket(options.ipv6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (d.fd < 0) throw std::runtime_error(std::string("UdpEchoPeer: socket: ") + std::strerror(errno));
     SetBuffer(d.fd, SO_RCVBUF, SO_RCVBUFFORCE, 8 << 20);
@@ -146,12 +150,13 @@ uint64_t UdpEchoPeer::EchoedCount() const { return m_Impl->echoed.load(); }
 
 std::vector<UdpDatagram> UdpEchoPeer::Received() const {
     std::lock_guard<std::mutex> lock(m_Impl->mutex);
-    return m_Impl->records;
+    const auto& items = m_Impl->records->Items();
+    return {items.begin(), items.end()};
 }
 
 void UdpEchoPeer::ClearReceived() {
     std::lock_guard<std::mutex> lock(m_Impl->mutex);
-    m_Impl->records.clear();
+    m_Impl->records->Clear();
 }
 
 bool UdpEchoPeer::WaitForDatagrams(uint64_t n, std::chrono::milliseconds timeout) const {

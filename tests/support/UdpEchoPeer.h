@@ -13,12 +13,15 @@ namespace testsupport {
 
 struct UdpEchoPeerOptions {
     bool ipv6 = false;            // bind ::1 instead of 127.0.0.1
-    size_t maxRecords = 100000;   // datagrams kept by Received(); later ones are only counted
+    size_t maxRecords = 100000;   // most recent datagrams kept by Received()
+    uint64_t maxKeptPayloadBytes = 64ull << 20;  // beyond this, older records lose their payload
 };
 
 struct UdpDatagram {
     std::string sender;   // "127.0.0.1:PORT" or "[::1]:PORT"
     std::string payload;
+    size_t size = 0;
+    bool payloadKept = true;  // false: dropped (see maxKeptPayloadBytes)
 };
 
 class UdpEchoPeer {
@@ -36,7 +39,7 @@ public:
 
     uint64_t ReceivedCount() const;
     uint64_t EchoedCount() const;
-    // The first maxRecords datagrams, in arrival order (so per sender too).
+    // The most recent maxRecords datagrams, in arrival order (so per sender too).
     std::vector<UdpDatagram> Received() const;
     void ClearReceived();  // forgets the records (the counters go on)
     // Waits until ReceivedCount() >= n; false on timeout.

@@ -13,7 +13,7 @@ struct WsTestServer::Impl {
     WsShared shared;
     detail::AsioServer io;
 
-    explicit Impl(const Options& options) : io(options.tls, options.ipv6, "http/1.1") { shared.options = options; }
+    explicit Impl(const Options& options) : shared(options), io(options.tls, options.ipv6, "http/1.1") {}
     ~Impl() { io.Stop(); }
 };
 
@@ -54,13 +54,14 @@ std::vector<WsConnectionInfo> WsTestServer::Connections() const {
 
 std::vector<WsMessage> WsTestServer::Received() const {
     std::lock_guard<std::mutex> lock(m_Impl->shared.mutex);
-    return {m_Impl->shared.records.begin(), m_Impl->shared.records.end()};
+    const auto& items = m_Impl->shared.records.Items();
+    return {items.begin(), items.end()};
 }
 
 std::vector<WsMessage> WsTestServer::ReceivedOn(uint64_t connection) const {
     std::lock_guard<std::mutex> lock(m_Impl->shared.mutex);
     std::vector<WsMessage> out;
-    for (const auto& m : m_Impl->shared.records)
+    for (const auto& m : m_Impl->shared.records.Items())
         if (m.connection == connection) out.push_back(m);
     return out;
 }

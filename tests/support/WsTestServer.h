@@ -61,6 +61,7 @@ struct WsTestServerOptions {
     int threads = 2;                        // I/O threads
     uint64_t maxEchoBytes = 256ull << 20;   // bigger messages are recorded, not echoed
     size_t maxRecords = 100000;             // most recent messages kept by Received()
+    uint64_t maxKeptPayloadBytes = 64ull << 20;  // beyond this, older records lose their payload
 };
 
 struct WsMessage {
@@ -70,6 +71,7 @@ struct WsMessage {
     uint64_t size = 0;
     std::string sha256;       // lowercase hex
     std::string payload;      // when size < 1 MiB, else empty
+    bool payloadKept = true;  // false: too big, or dropped (see maxKeptPayloadBytes)
 };
 
 struct WsConnectionInfo {

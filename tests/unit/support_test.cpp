@@ -24,6 +24,7 @@
 #include "support/TestTls.h"
 #include "support/UdpEchoPeer.h"
 #include "support/WsTestServer.h"
+#include "support/detail/RecordLog.h"
 
 namespace {
 
@@ -60,6 +61,36 @@ TEST(TestDataTest, SlicesAgreeWithTheWholeStream) {
     EXPECT_EQ(std::count(seen.begin(), seen.end(), true), 256);
     EXPECT_EQ(DeterministicSha256((3 << 20) + 5), Sha256Hex(DeterministicBytes((3 << 20) + 5)));
     EXPECT_EQ(Sha256Hex(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+}
+
+TEST(RecordLogTest, KeepsNewestRecordsAndBoundsPayloads) {
+    struct Rec {
+        int id;
+        std::string payload;
+        bool kept = true;
+    };
+    // At most 3 records and 10 payload bytes: the oldest payloads go first.
+    detail::RecordLog<Rec> log(3, 10, &Rec::payload, &Rec::kept);
+    auto state = [&log] {
+        std::string out;
+        for (const Rec& r : log.Items()) out += std::to_string(r.id) + (r.kept ? "=" + r.payload : "-") + " ";
+        return out;
+    };
+    log.Add({1, "aaaa"});
+    log.Add({2, "bbbb"});
+    EXPECT_EQ(state(), "1=aaaa 2=bbbb ");
+    log.Add({3, "cccc"});
+    EXPECT_EQ(state(), "1- 2=bbbb 3=cccc ");
+    log.Add({4, "dd"});
+    EXPECT_EQ(state(), "2=bbbb 3=cccc 4=dd ");
+    log.Add({5, "eeeeeeee"});
+    EXPECT_EQ(state(), "3- 4=dd 5=eeeeeeee ");
+    log.Add({6, ""});
+    log.Add({7, ""});
+    EXPECT_EQ(state(), "5=eeeeeeee 6= 7= ");
+    log.Clear();
+    log.Add({8, "0123456789"});
+    EXPECT_EQ(state(), "8=0123456789 ");
 }
 
 // ---------------------------------------------------------------- HTTP client

@@ -271,6 +271,7 @@ private:
         msg.size = m_CurSize;
         msg.sha256 = m_CurSha->Hex();
         if (m_CurSize < kKeepPayload) msg.payload = m_Cur;
+        msg.payloadKept = m_CurSize < kKeepPayload;
         m_Shared.Record(std::move(msg));
 
         if (m_Mode == Mode::Silent) return;

@@ -10,7 +10,6 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -18,6 +17,7 @@
 #include <vector>
 
 #include "support/WsTestServer.h"
+#include "support/detail/RecordLog.h"
 
 namespace testsupport::detail {
 
@@ -28,6 +28,9 @@ public:
 };
 
 struct WsShared {
+    explicit WsShared(const WsTestServerOptions& o)
+        : options(o), records(o.maxRecords, o.maxKeptPayloadBytes, &WsMessage::payload, &WsMessage::payloadKept) {}
+
     WsTestServerOptions options;
     std::atomic<uint64_t> connections{0};
     std::atomic<uint64_t> upgrades{0};
@@ -36,7 +39,7 @@ struct WsShared {
     std::atomic<bool> echo{true};
     mutable std::mutex mutex;
     mutable std::condition_variable cond;
-    std::deque<WsMessage> records;
+    RecordLog<WsMessage> records;
     std::map<uint64_t, WsConnectionInfo> infos;
     std::map<uint64_t, std::weak_ptr<WsSessionBase>> live;
     std::vector<std::string> onConnect;
@@ -53,8 +56,7 @@ struct WsShared {
         {
             std::lock_guard<std::mutex> lock(mutex);
             ++infos[msg.connection].messages;
-            records.push_back(std::move(msg));
-            while (records.size() > options.maxRecords) records.pop_front();
+            records.Add(std::move(msg));
             messages.fetch_add(1);
         }
         cond.notify_all();
