@@ -313,14 +313,15 @@ void CHttpFrame::RunAsynOperReqs() {
     if (m_AsynOperReqList.empty()) m_AsynOperReqList.swap(batch);
 }
 
-void CHttpFrame::PostAsynOper(std::shared_ptr<AsynOperReq> oper) {
+bool CHttpFrame::PostAsynOper(std::shared_ptr<AsynOperReq> oper) {
     std::lock_guard<std::mutex> lock(m_Mutex);
     if (!m_Running.load()) {
         WriteNetLog(LOG_ERROR, "[NETLOOP]Can not add timer req now");
-        return;
+        return false;
     }
     m_AsynOperReqList.push_back(std::move(oper));
     uv_async_send(&m_ReqAsync);
+    return true;
 }
 
 int CHttpFrame::SubmitOper(std::shared_ptr<AsynOperReq> oper, bool forceAsyn) {
