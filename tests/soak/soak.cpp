@@ -200,13 +200,24 @@ public:
         va_end(args);
         m_Lines.fetch_add(1, std::memory_order_relaxed);
         if (std::strstr(line, "udp recv Error") != nullptr) m_UdpRecvErrors.fetch_add(1);
+        if (std::strstr(line, "ws://") != nullptr && std::strstr(line, " DONE result[") != nullptr) {
+            std::lock_guard<std::mutex> lock(m_Mutex);
+            if (m_Odd.size() < 20) m_Odd.push_back(line);
+        }
         if (m_Echo) std::fprintf(stderr, "[%d] %d %s\n", level ? *level : 0, tid ? *tid : 0, line);
     }
     uint64_t UdpRecvErrors() const { return m_UdpRecvErrors.load(); }
     uint64_t Lines() const { return m_Lines.load(); }
     bool m_Echo = std::getenv("NETLOOP_SOAK_ECHO") != nullptr;
 
+    std::vector<std::string> Odd() {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        return m_Odd;
+    }
+
 private:
+    std::mutex m_Mutex;
+    std::vector<std::string> m_Odd;  // lines that say a WebSocket ended as an HTTP transfer
     std::atomic<uint64_t> m_Lines{0};
     std::atomic<uint64_t> m_UdpRecvErrors{0};
 };
@@ -454,6 +465,10 @@ struct RoundShared {
     Clock::time_point randomUntil;
     std::atomic<int> racing{0};        // workers that reached the racing phase
     std::atomic<bool> stopped{false};  // Stop has returned
+    // The frame multiplexes with tight connection limits (2 per host): long
+    // connections (WebSockets, drips, silent servers) make the others wait
+    // for a free one, and a transfer's time-out counts that wait.
+    bool limited = false;
 };
 
 struct TimerItem {
@@ -666,7 +681,7 @@ private:
                 ExpectFinish(t);
                 remove = true;
             } else if (t.kind == K_HTTP_DRIP && (t.gotBytes.load() || now - t.added > 3s)) {
-                g_Checks.Check("drip transfer had bytes before its delete", t.gotBytes.load());
+                if (!m_Shared.limited) g_Checks.Check("drip transfer had bytes before its delete", t.gotBytes.load());
                 if (t.gotBytes.load()) CountOp(OP_HTTP_DRIP_CANCEL);
                 if (Chance(30)) {
                     // A disconnect first: the transfer is aborted and stays armed.
@@ -719,8 +734,12 @@ private:
         switch (t.kind) {
             case K_HTTP_OK:
             case K_HTTPS_OK:
-                g_Checks.Check("loopback transfer finishes with 0", result == 0,
-                               "kind " + std::to_string(t.kind) + " result " + std::to_string(result));
+                if (m_Shared.limited)
+                    g_Checks.Check("loopback transfer under connection limits finishes with 0 or -2",
+                                   result == 0 || result == -2, "result " + std::to_string(result));
+                else
+                    g_Checks.Check("loopback transfer finishes with 0", result == 0,
+                                   "kind " + std::to_string(t.kind) + " result " + std::to_string(result));
                 break;
             case K_HTTP_RESET:
                 if (g_Checks.Check("reset mid-body finishes with -2", result == -2)) CountFault(F_HTTP_RESET);
@@ -993,7 +1012,11 @@ void CheckWorker(Worker& w) {
         g_Checks.Check("transfer: at most one OnFinish", t->finishes.load() <= 1);
         g_Checks.Check("transfer: no OnFinish after its delete", t->finishAfterDelete.load() == 0);
         if (t->kind >= K_WS_ECHO) {
-            g_Checks.Check("ws: never an OnFinish", t->finishes.load() == 0);
+            g_Checks.Check("ws: never an OnFinish", t->finishes.load() == 0,
+                           "kind " + std::to_string(t->kind) + " result " + std::to_string(t->finishResult.load()) +
+                               " open " + std::to_string(t->wsOpen.load()) + " failed " +
+                               std::to_string(t->wsFailed.load()) + " closed " + std::to_string(t->wsClosed.load()) +
+                               (t->disconnected ? " disconnected" : "") + (t->earlyDelete ? " early" : ""));
             g_Checks.Check("ws: no OnWsState after its delete", t->wsStateAfterDelete.load() == 0);
             g_Checks.Check("ws: at most one open, one end", t->wsOpen.load() <= 1 &&
                                                                    t->wsFailed.load() + t->wsClosed.load() <= 1);
@@ -1102,7 +1125,7 @@ void CheckRssFlat(const char* what, const std::vector<size_t>& samples, size_t s
 // ---------------------------------------------------------------------------
 // Mode 1: random rounds
 
-void RunRounds(const Options& opt, World& world) {
+void RunRounds(const Options& opt) {
     auto frame = IHttpInterface::Create();
     std::weak_ptr<IHttpInterface> weakFrame = frame;
     auto notice = std::make_shared<FrameNotice>();
@@ -1118,6 +1141,10 @@ void RunRounds(const Options& opt, World& world) {
             return;
         }
         if (round > 0) CountOp(OP_FRAME_STOP_START);
+        // Fresh servers every round: they remember every connection they ever
+        // had, and that memory is theirs, not the library's.
+        auto worldHolder = std::make_unique<World>();
+        World& world = *worldHolder;
         // Handles whose racing add was refused last round are armed: they go
         // back to idle through this frame.
         for (auto& h : orphans) {
@@ -1135,6 +1162,7 @@ void RunRounds(const Options& opt, World& world) {
         RoundShared shared;
         shared.frame = frame;
         shared.world = &world;
+        shared.limited = round % 2 == 1;
         shared.deadUdpPort = DeadUdpPort();
         shared.randomUntil = Clock::now() + roundLength;
         const int stopsBefore = notice->stops.load();
@@ -1175,6 +1203,7 @@ void RunRounds(const Options& opt, World& world) {
                        g_LiveNotices.load() == static_cast<long>(expectedLive),
                        std::to_string(g_LiveNotices.load()) + " alive");
         workers.clear();
+        worldHolder.reset();
 
         if (round == 0) {
             // The first round started the servers' connections, the resolver
@@ -1363,6 +1392,7 @@ void PrintTable(const Options& opt, double seconds) {
     }
     std::printf("  %-56s %12" PRIu64 "\n", "total", faults);
     std::printf("  %-56s %12" PRIu64 "\n", "(\"udp recv Error\" lines logged)", g_Logger->UdpRecvErrors());
+    for (const std::string& line : g_Logger->Odd()) std::printf("log: %s\n", line.c_str());
     g_Checks.Print();
     std::printf("\nsoak: %" PRIu64 " passed, %" PRIu64 " failed\n", g_Checks.Passed(), g_Checks.Failed());
 }
@@ -1411,9 +1441,11 @@ int main(int argc, char** argv) {
 
     const auto start = Clock::now();
     {
-        World world;
-        if (opt.rounds > 0) RunRounds(opt, world);
-        if (opt.restartCycles > 0) RunRestartCycles(opt, world);
+        if (opt.rounds > 0) RunRounds(opt);
+        if (opt.restartCycles > 0) {
+            World world;
+            RunRestartCycles(opt, world);
+        }
     }
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     sysutil::ISysutilLogInterface::GetLogInstance(previous);

@@ -1,11 +1,12 @@
-// Calls from application threads that meet a frame stop halfway. A call that
-// the frame can no longer carry out must say so (-1) and never leave a done
-// function waiting that will not come.
+// Faults the soak brought up, each pinned down by a test of its own.
 //
-// The race is made deterministic from inside: the test holds the frame's
-// queue mutex while the caller has passed its running check and waits for
-// the queue, and takes the frame out of the running state under that mutex,
-// exactly as the loop's stop does.
+// StopRace: calls from application threads that meet a frame stop halfway. A
+// call that the frame can no longer carry out must say so (-1) and never
+// leave a done function waiting that will not come. The race is made
+// deterministic from inside: the test holds the frame's queue mutex while the
+// caller has passed its running check and waits for the queue, and takes the
+// frame out of the running state under that mutex, exactly as the loop's stop
+// does.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -127,11 +128,16 @@ public:
     void OnWsData(const char*, size_t, int, void*) override { messages.fetch_add(1); }
     void OnProgress(const char*, const char*, curl_off_t, curl_off_t, curl_off_t, curl_off_t, void*) override {}
     size_t OnUploadRead(std::shared_ptr<IHttpHandleInterface>, char*, size_t, size_t, void*) override { return 0; }
-    void OnFinish(std::shared_ptr<IHttpHandleInterface>, int, void*) override {}
+    void OnFinish(std::shared_ptr<IHttpHandleInterface>, int, void*) override { finishes.fetch_add(1); }
     void OnWsState(std::shared_ptr<IHttpHandleInterface>, int state, void*) override {
         if (state == WS_STATE_OPEN) opened.fetch_add(1);
+        if (state == WS_STATE_FAILED) failed.fetch_add(1);
+        if (state == WS_STATE_CLOSED) closed.fetch_add(1);
     }
+    std::atomic<int> closed{0};
     std::atomic<int> opened{0};
+    std::atomic<int> failed{0};
+    std::atomic<int> finishes{0};
     std::atomic<int> messages{0};
 };
 
@@ -163,5 +169,66 @@ TEST(StopRace, WsSendAndDisconnectThatMeetTheStopAreRefused) {
                   nullptr),
               0);
     EXPECT_EQ(deleted.get_future().wait_for(10s), std::future_status::ready);
+    EXPECT_EQ(frame->Stop(false), 0);
+}
+
+// A WebSocket transfer that libcurl never gave a connection is still a
+// WebSocket. Here it waits for a free connection under the frame's per-host
+// limit past its connect time-out; when a connection frees up, libcurl ends it
+// at once with a time-out, before it ever had a connection of its own. That
+// end is OnWsState(WS_STATE_FAILED) with the WS END line, never OnFinish.
+TEST(WsPending, AConnectionThatNeverGotASocketFailsAsAWebSocket) {
+    ScopedCaptureLogger log;
+    testsupport::WsTestServer server;
+    auto frame = IHttpInterface::Create();
+    ASSERT_EQ(frame->Init(nullptr, true, false, nullptr), 0);  // at most 2 connections per host
+    ASSERT_EQ(frame->Start(true), 0);
+
+    struct Conn {
+        std::shared_ptr<WsOpen> notice = std::make_shared<WsOpen>();
+        std::shared_ptr<IHttpHandleInterface> handle = IHttpHandleInterface::Create();
+    };
+    std::vector<Conn> open(2);
+    for (Conn& c : open) {
+        ASSERT_EQ(c.handle->InitHttpReq(server.Url("/").c_str(), "ws", HTTP_REQ_WEBSOCKET, c.notice, 5000, 0, nullptr),
+                  0);
+        ASSERT_EQ(frame->AddHttpReq(c.handle, false, nullptr, nullptr), 0);
+    }
+    ASSERT_TRUE(WaitUntil([&] { return open[0].notice->opened.load() == 1 && open[1].notice->opened.load() == 1; }));
+
+    Conn waiting;
+    ASSERT_EQ(waiting.handle->InitHttpReq(server.Url("/").c_str(), "ws", HTTP_REQ_WEBSOCKET, waiting.notice, 300, 0,
+                                          nullptr),
+              0);
+    ASSERT_EQ(frame->AddHttpReq(waiting.handle, false, nullptr, nullptr), 0);
+    std::this_thread::sleep_for(600ms);  // past its connect time-out, still waiting
+    EXPECT_EQ(waiting.notice->opened.load() + waiting.notice->failed.load() + waiting.notice->finishes.load(), 0);
+    // One of the two goes: the server drops it without a close frame.
+    size_t sent = 0;
+    const std::string drop = "cmd:drop";
+    ASSERT_EQ(open[0].handle->SendWsData(std::make_shared<std::vector<uint8_t>>(drop.begin(), drop.end()),
+                                         WS_MSG_TEXT, &sent),
+              0);
+    ASSERT_TRUE(WaitUntil([&] { return open[0].notice->closed.load() == 1; }));
+    ASSERT_TRUE(WaitUntil([&] {
+        return waiting.notice->opened.load() + waiting.notice->failed.load() + waiting.notice->finishes.load() != 0;
+    }));
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(waiting.notice->finishes.load(), 0);
+    EXPECT_EQ(waiting.notice->failed.load(), 1);
+    EXPECT_EQ(waiting.notice->opened.load(), 0);
+    EXPECT_EQ(server.UpgradeCount(), 2u);
+    EXPECT_EQ(log->CountContaining(" DONE result"), 0u);
+    EXPECT_EQ(log->CountContaining("[NETLOOP]" + server.Url("/") + " WS END result[28:", 60), 1u);
+
+    open.push_back(waiting);
+    for (Conn& c : open) {
+        std::promise<int> deleted;
+        ASSERT_EQ(frame->DelHttpReq(
+                      c.handle, false,
+                      [&](std::shared_ptr<IHttpHandleInterface>, void*, int rc) { deleted.set_value(rc); }, nullptr),
+                  0);
+        EXPECT_EQ(deleted.get_future().wait_for(10s), std::future_status::ready);
+    }
     EXPECT_EQ(frame->Stop(false), 0);
 }
