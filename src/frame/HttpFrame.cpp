@@ -208,6 +208,10 @@ void CHttpFrame::FrameThread(std::shared_ptr<CHttpFrame> self) {
         m_Notice.reset();
         m_UserData = nullptr;
     }
+    // The kernel gives this thread's id to a later thread once it has ended:
+    // from here on no caller is the loop thread. Cleared before Uninit makes
+    // the frame idle, so a new Start cannot be overwritten.
+    m_Tid.store(0, std::memory_order_release);
     Uninit();
 }
 

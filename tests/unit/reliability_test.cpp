@@ -232,3 +232,56 @@ TEST(WsPending, AConnectionThatNeverGotASocketFailsAsAWebSocket) {
     }
     EXPECT_EQ(frame->Stop(false), 0);
 }
+
+// The kernel hands the id of an ended thread to a later one. Once a frame's
+// loop thread has ended, a thread that happens to carry its old id is an
+// application thread like any other: its delete on the stopped frame is
+// refused, not run on the spot as if it came from the loop.
+TEST(LoopThreadId, AThreadThatInheritsTheEndedLoopThreadsIdIsNotTheLoop) {
+    ScopedCaptureLogger log;
+    auto frame = StartedFrame();
+    std::promise<int32_t> loopTid;
+    auto timer = ITimerHandleInterface::Create(
+        [&](std::shared_ptr<ITimerHandleInterface>, void*) { loopTid.set_value(sysutil::GetTid()); }, nullptr, 0, 0,
+        nullptr);
+    ASSERT_EQ(frame->AddTimerReq(timer, false, nullptr, nullptr), 0);
+    auto tid = loopTid.get_future();
+    ASSERT_EQ(tid.wait_for(10s), std::future_status::ready);
+    const int32_t oldLoop = tid.get();
+    ASSERT_EQ(frame->DelTimerReq(timer, false, nullptr, nullptr), 0);
+    ASSERT_EQ(frame->Stop(false), 0);
+
+    auto handle = IHttpHandleInterface::Create();
+    ASSERT_EQ(handle->InitHttpReq("http://127.0.0.1:9/", "armed", HTTP_REQ_GET, nullptr, 0, 0, nullptr), 0);
+    std::atomic<int> doneCalls{0};
+    int rc = 0;
+    bool found = false;
+    // Threads come and go until one gets the old id; the ids wrap at the
+    // system's limit, so this is a bounded walk around it.
+    const auto deadline = std::chrono::steady_clock::now() + 60s;
+    while (!found && std::chrono::steady_clock::now() < deadline) {
+        std::thread probe([&] {
+            if (sysutil::GetTid() != oldLoop) return;
+            found = true;
+            rc = frame->DelHttpReq(
+                handle, false, [&](std::shared_ptr<IHttpHandleInterface>, void*, int) { doneCalls.fetch_add(1); },
+                nullptr);
+        });
+        probe.join();
+    }
+    if (!found) GTEST_SKIP() << "no thread got id " << oldLoop << " within a minute";
+    EXPECT_EQ(rc, -1);
+    EXPECT_EQ(doneCalls.load(), 0);
+    EXPECT_NE(handle->GetResponseCode(), -1);  // still armed: nothing ran
+
+    // The armed handle goes back to idle through a running frame.
+    ASSERT_EQ(frame->Init(nullptr, false, false, nullptr), 0);
+    ASSERT_EQ(frame->Start(true), 0);
+    std::promise<int> deleted;
+    ASSERT_EQ(frame->DelHttpReq(
+                  handle, false, [&](std::shared_ptr<IHttpHandleInterface>, void*, int r) { deleted.set_value(r); },
+                  nullptr),
+              0);
+    EXPECT_EQ(deleted.get_future().wait_for(10s), std::future_status::ready);
+    EXPECT_EQ(frame->Stop(false), 0);
+}
