@@ -284,6 +284,7 @@ enum HttpKind {
 
 struct HttpTrack {
     HttpKind kind = K_HTTP_OK;
+    bool limited = false;  // added in a round with tight connection limits
     Clock::time_point added;
     int timeoutMs = 0;
     bool earlyDelete = false;
@@ -709,6 +710,10 @@ private:
             if (t.kind == K_WS_REFUSED && t.wsFailed.load() != 0) {
                 CountFault(F_WS_REFUSED);
                 remove = true;
+            } else if (t.kind == K_WS_DROP && t.wsFailed.load() != 0) {
+                // Under connection limits: timed out waiting for a connection.
+                g_Checks.Check("ws fails before its open only under connection limits", t.limited);
+                remove = true;
             } else if (t.kind == K_WS_DROP && t.wsOpen.load() != 0 && !t.dropAsked) {
                 size_t sent = 0;
                 t.dropAsked = m_Sockets[i].h->SendWsData(Text("cmd:drop"), WS_MSG_TEXT, &sent) == 0;
@@ -764,6 +769,7 @@ private:
 
     void NewWs() {
         auto t = std::make_shared<HttpTrack>();
+        t->limited = m_Shared.limited;
         const int roll = Pick(0, 99);
         std::string url;
         if (roll < 70) {
@@ -1020,7 +1026,11 @@ void CheckWorker(Worker& w) {
             g_Checks.Check("ws: no OnWsState after its delete", t->wsStateAfterDelete.load() == 0);
             g_Checks.Check("ws: at most one open, one end", t->wsOpen.load() <= 1 &&
                                                                    t->wsFailed.load() + t->wsClosed.load() <= 1);
-            if (t->kind == K_WS_ECHO)
+            if (t->kind == K_WS_ECHO && t->limited)
+                g_Checks.Check("ws echo connection under connection limits: no close notice (a time-out waiting "
+                               "for a connection fails it)",
+                               t->wsClosed.load() == 0 && (t->wsFailed.load() == 0 || t->wsOpen.load() == 0));
+            else if (t->kind == K_WS_ECHO)
                 g_Checks.Check("ws echo connection: no failure or close notice",
                                t->wsFailed.load() == 0 && t->wsClosed.load() == 0);
             if (t->kind == K_WS_REFUSED)
