@@ -37,6 +37,20 @@ int PollEventsOf(int action) {
     }
 }
 
+// The scheme of the transfer's connection says whether it is a WebSocket
+// (libcurl 8.14 reports it in upper case, later releases in lower). A transfer
+// that ended before it had a connection of its own (one that waited for a free
+// connection under the frame's limits past its connect time-out) has none;
+// its URL tells instead.
+bool IsWebSocketTransfer(CURL* easy) {
+    char* scheme = nullptr;
+    if (curl_easy_getinfo(easy, CURLINFO_SCHEME, &scheme) == CURLE_OK && scheme != nullptr)
+        return strcasecmp(scheme, "ws") == 0 || strcasecmp(scheme, "wss") == 0;
+    char* url = nullptr;
+    if (curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &url) != CURLE_OK || url == nullptr) return false;
+    return strncasecmp(url, "ws://", 5) == 0 || strncasecmp(url, "wss://", 6) == 0;
+}
+
 }  // namespace
 
 bool CHttpFrame::SetupMulti(bool enablePipelining) {
@@ -207,11 +221,8 @@ void CHttpFrame::CheckMultiInfo() {
         if (rc != CURLM_OK)
             WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl_multi_remove_handle failed while CheckMultiInfo",
                         static_cast<int>(rc), curl_multi_strerror(rc));
-        char* scheme = nullptr;
-        curl_easy_getinfo(easy, CURLINFO_SCHEME, &scheme);
         // A WebSocket's end is told by the handle, never as a finished transfer.
-        // libcurl 8.14 reports the scheme in upper case, later releases in lower.
-        if (scheme != nullptr && (strcasecmp(scheme, "ws") == 0 || strcasecmp(scheme, "wss") == 0)) {
+        if (IsWebSocketTransfer(easy)) {
             EndWebSocket(easy, result);
             continue;
         }

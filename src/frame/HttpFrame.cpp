@@ -208,6 +208,10 @@ void CHttpFrame::FrameThread(std::shared_ptr<CHttpFrame> self) {
         m_Notice.reset();
         m_UserData = nullptr;
     }
+    // The kernel gives this thread's id to a later thread once it has ended:
+    // from here on no caller is the loop thread. Cleared before Uninit makes
+    // the frame idle, so a new Start cannot be overwritten.
+    m_Tid.store(0, std::memory_order_release);
     Uninit();
 }
 
@@ -313,14 +317,15 @@ void CHttpFrame::RunAsynOperReqs() {
     if (m_AsynOperReqList.empty()) m_AsynOperReqList.swap(batch);
 }
 
-void CHttpFrame::PostAsynOper(std::shared_ptr<AsynOperReq> oper) {
+bool CHttpFrame::PostAsynOper(std::shared_ptr<AsynOperReq> oper) {
     std::lock_guard<std::mutex> lock(m_Mutex);
     if (!m_Running.load()) {
         WriteNetLog(LOG_ERROR, "[NETLOOP]Can not add timer req now");
-        return;
+        return false;
     }
     m_AsynOperReqList.push_back(std::move(oper));
     uv_async_send(&m_ReqAsync);
+    return true;
 }
 
 int CHttpFrame::SubmitOper(std::shared_ptr<AsynOperReq> oper, bool forceAsyn) {

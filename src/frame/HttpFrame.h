@@ -58,8 +58,10 @@ public:
                   void* userData) override;
 
     // Queues a ready-made record from a handle. Always queues, also on the loop
-    // thread; refused (logged, record dropped) once the loop is stopping.
-    void PostAsynOper(std::shared_ptr<AsynOperReq> oper);
+    // thread; refused (logged, record dropped, false) once the loop is
+    // stopping. A caller that checked m_Running before may still be refused
+    // here: the stop can come in between, so the caller reports this result.
+    bool PostAsynOper(std::shared_ptr<AsynOperReq> oper);
 
     // True on the frame's loop thread.
     bool IsLoopThread() const { return m_Tid.load(std::memory_order_acquire) == sysutil::GetTid(); }

@@ -288,8 +288,7 @@ int CHttpHandle::Disconnect() {
     oper->m_Oper = shared_from_this();
     // On the loop thread m_Running cannot change under us: the record is taken.
     if (frame->IsLoopThread()) m_EndQueued = true;
-    frame->PostAsynOper(std::move(oper));
-    return 0;
+    return frame->PostAsynOper(std::move(oper)) ? 0 : -1;
 }
 
 long CHttpHandle::GetResponseCode() {

@@ -311,8 +311,7 @@ int CHttpHandle::SendWsData(std::shared_ptr<std::vector<uint8_t>> data, int type
     oper->m_Oper = shared_from_this();
     oper->data = std::move(data);
     oper->flags = static_cast<int>(flags);
-    frame->PostAsynOper(std::move(oper));
-    return 0;
+    return frame->PostAsynOper(std::move(oper)) ? 0 : -1;
 }
 
 // A send on the loop thread, by the application (`record` false: `sent` is the

@@ -70,8 +70,7 @@ int CTimerHandle::RequestOnLoop(AsynOperType type, TimerDoneFunc done, void* use
     oper->m_Oper = shared_from_this();
     oper->m_UserData = userData;
     oper->m_Done = std::move(done);
-    frame->PostAsynOper(std::move(oper));
-    return 0;
+    return frame->PostAsynOper(std::move(oper)) ? 0 : -1;
 }
 
 // ---------------------------------------------------------------------------

@@ -72,8 +72,7 @@ int CUdpHandle::SendUdpData(std::shared_ptr<std::vector<uint8_t>> data) {
     oper->m_Oper = shared_from_this();
     oper->m_UserData = nullptr;
     oper->data = std::move(data);
-    frame->PostAsynOper(std::move(oper));
-    return 0;
+    return frame->PostAsynOper(std::move(oper)) ? 0 : -1;
 }
 
 // ---------------------------------------------------------------------------
