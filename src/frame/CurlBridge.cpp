@@ -170,6 +170,9 @@ int CHttpFrame::StartTimeout(CURLM*, long timeoutMs, void* userp) {
         WriteNetLog(LOG_ERROR, "[NETLOOP]StartTimeout get null userdata");
         return 0;
     }
+    uv_idle_t* kick = &frame->m_Kick;
+    // Every call replaces the wait before it, the kick's included.
+    if (timeoutMs != 0 && uv_is_active(reinterpret_cast<uv_handle_t*>(kick)) != 0) uv_idle_stop(kick);
     if (timeoutMs < 0) {
         uv_timer_stop(&frame->m_Timer);
         return 0;
@@ -178,17 +181,29 @@ int CHttpFrame::StartTimeout(CURLM*, long timeoutMs, void* userp) {
     // current call stack.
     uint64_t timeout = timeoutMs == 0 ? 1 : static_cast<uint64_t>(timeoutMs);
     uv_timer_start(&frame->m_Timer, OnTimeout, timeout, 0);
+    // The kick runs the same time-out on the next turn of the loop instead of
+    // a millisecond later; the loop does not sleep while it is pending. Once
+    // the frame stops the kick is closing and stays off, like m_Timer, which
+    // libuv no longer starts then (an idle handle it would take back).
+    if (timeoutMs == 0 && kick->loop != nullptr && uv_is_closing(reinterpret_cast<uv_handle_t*>(kick)) == 0)
+        uv_idle_start(kick, OnKick);
     return 0;
 }
 
-void CHttpFrame::OnTimeout(uv_timer_t* timer) {
-    auto* frame = static_cast<CHttpFrame*>(timer->data);
-    CURLMcode rc = frame->SocketAction(CURL_SOCKET_TIMEOUT, 0);
+void CHttpFrame::OnTimeout(uv_timer_t* timer) { static_cast<CHttpFrame*>(timer->data)->RunTimeout(); }
+
+void CHttpFrame::OnKick(uv_idle_t* idle) {
+    uv_idle_stop(idle);
+    static_cast<CHttpFrame*>(idle->data)->RunTimeout();
+}
+
+void CHttpFrame::RunTimeout() {
+    CURLMcode rc = SocketAction(CURL_SOCKET_TIMEOUT, 0);
     if (rc != CURLM_OK)
         WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl_multi_socket_action failed while OnTimeout",
                     static_cast<int>(rc), curl_multi_strerror(rc));
-    frame->CheckMultiInfo();
-    frame->RunWsService();
+    CheckMultiInfo();
+    RunWsService();
 }
 
 // ---------------------------------------------------------------------------

@@ -48,6 +48,7 @@ CHttpFrame::CHttpFrame() {
     std::memset(&m_Timer, 0, sizeof(m_Timer));
     std::memset(&m_ReqAsync, 0, sizeof(m_ReqAsync));
     std::memset(&m_WsTimer, 0, sizeof(m_WsTimer));
+    std::memset(&m_Kick, 0, sizeof(m_Kick));
 }
 
 CHttpFrame::~CHttpFrame() {
@@ -88,6 +89,7 @@ bool CHttpFrame::InitLoopHandles() {
     std::memset(&m_Timer, 0, sizeof(m_Timer));
     std::memset(&m_ReqAsync, 0, sizeof(m_ReqAsync));
     std::memset(&m_WsTimer, 0, sizeof(m_WsTimer));
+    std::memset(&m_Kick, 0, sizeof(m_Kick));
 
     m_Loop.reset(static_cast<uv_loop_t*>(std::malloc(sizeof(uv_loop_t))), std::free);
     int rc = m_Loop ? uv_loop_init(m_Loop.get()) : UV_ENOMEM;
@@ -121,6 +123,12 @@ bool CHttpFrame::InitLoopHandles() {
         WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]uv_timer_init failed", rc, uv_strerror(rc));
         return false;
     }
+    m_Kick.data = this;
+    rc = uv_idle_init(m_Loop.get(), &m_Kick);
+    if (rc != 0) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]uv_idle_init failed", rc, uv_strerror(rc));
+        return false;
+    }
     return true;
 }
 
@@ -141,6 +149,7 @@ void CHttpFrame::ReleaseLoopResources() {
         CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_StopAsync));
         CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_ReqAsync));
         CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_WsTimer));
+        CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_Kick));
         // One more pass completes the closes begun above and those that
         // curl_multi_cleanup began for its sockets, so no handle memory is left
         // behind when the loop goes.
@@ -284,6 +293,7 @@ void CHttpFrame::StopOnLoop(uv_async_t*) {
     CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_StopAsync));
     CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_ReqAsync));
     CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_WsTimer));
+    CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_Kick));
 }
 
 // ---------------------------------------------------------------------------

@@ -79,6 +79,7 @@ public:
     static int OnHandleSocket(CHttpFrame* frame, curl_socket_t socket, int action, void* socketp);
     static int StartTimeout(CURLM* multi, long timeoutMs, void* userp);
     static void OnTimeout(uv_timer_t* timer);
+    static void OnKick(uv_idle_t* idle);
     static void CurlPerform(uv_poll_t* poll, int status, int events);
     static void FreeCurlSocketRec(uv_handle_t* handle);
     void CheckMultiInfo();
@@ -115,6 +116,9 @@ public:
     std::mutex m_ShareMutex[kShareLockCount];
     int m_CurlDepth = 0;  // loop thread only; see InsideCurl
     uv_timer_t m_WsTimer;  // serves m_WsDue between libcurl calls
+    // libcurl's "time-out 0" served on the next turn of the loop, without the
+    // 1 ms wait of m_Timer (which stays armed as libcurl asked).
+    uv_idle_t m_Kick;
     std::vector<std::weak_ptr<CHttpHandle>> m_WsDue;  // loop thread only
 
 private:
@@ -148,6 +152,7 @@ private:
                          void* userData);
     int SubmitOper(std::shared_ptr<AsynOperReq> oper, bool forceAsyn);
     CURLMcode SocketAction(curl_socket_t socket, int mask);
+    void RunTimeout();
 };
 
 }  // namespace netloop

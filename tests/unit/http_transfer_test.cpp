@@ -502,14 +502,18 @@ TEST(CurlBridge, DirectCallsOnAFrameThatDoesNotRun) {
     auto impl = Impl(frame);
     uv_timer_t* timer = &impl->m_Timer;
 
-    // Time-outs: 0 and 1 arm 1 ms, a negative one stops the timer.
+    // Time-outs: 0 and 1 arm 1 ms, a negative one stops the timer. A 0 also
+    // kicks the loop for its next turn; any later call takes the kick back.
     struct TimerCase {
         long timeoutMs;
         bool active;
         uint64_t dueIn;
+        bool kicked;
     };
-    for (const TimerCase& c : {TimerCase{0, true, 1}, TimerCase{1, true, 1}, TimerCase{250, true, 250},
-                               TimerCase{-1, false, 0}}) {
+    uv_handle_t* kick = reinterpret_cast<uv_handle_t*>(&impl->m_Kick);
+    for (const TimerCase& c : {TimerCase{0, true, 1, true}, TimerCase{1, true, 1, false},
+                               TimerCase{0, true, 1, true}, TimerCase{250, true, 250, false},
+                               TimerCase{0, true, 1, true}, TimerCase{-1, false, 0, false}}) {
         SCOPED_TRACE(c.timeoutMs);
         uv_update_time(impl->m_Loop.get());
         EXPECT_EQ(CHttpFrame::StartTimeout(impl->m_Multi, c.timeoutMs, impl.get()), 0);
@@ -517,6 +521,7 @@ TEST(CurlBridge, DirectCallsOnAFrameThatDoesNotRun) {
         if (c.active) {
             EXPECT_EQ(uv_timer_get_due_in(timer), c.dueIn);
         }
+        EXPECT_EQ(uv_is_active(kick) != 0, c.kicked);
     }
     EXPECT_TRUE(log->Lines().empty());
 
