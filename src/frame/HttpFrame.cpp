@@ -313,8 +313,11 @@ void CHttpFrame::RunAsynOperReqs() {
     ActiveBatch* outer = m_ActiveBatch;
     m_ActiveBatch = &active;
     while (active.next < batch.size()) {
-        std::shared_ptr<AsynOperReq> oper = batch[active.next++];
-        oper->m_Oper->DoAsynOper(oper, self);
+        // The record leaves the batch for the handle, which owns it from here;
+        // a stop inside DoAsynOper takes back only what follows it.
+        std::shared_ptr<AsynOperReq> oper = std::move(batch[active.next++]);
+        IAsynOperInterface* target = oper->m_Oper.get();
+        target->DoAsynOper(std::move(oper), self);
     }
     m_ActiveBatch = outer;
     // Hand the grown storage back so producers do not regrow it every wake-up.
