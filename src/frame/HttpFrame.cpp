@@ -4,12 +4,15 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <typeinfo>
 #ifndef _WIN32
 #include <unistd.h>
 #endif
 
 #include "frame/NetLog.h"
 #include "http/HttpHandle.h"
+#include "timer/TimerHandle.h"
+#include "udp/UdpHandle.h"
 
 namespace netloop {
 namespace {
@@ -39,6 +42,49 @@ void CloseCurlSocketRec(uv_handle_t* handle, void*) {
     if (handle->type != UV_POLL || uv_is_closing(handle) != 0) return;
     uv_poll_stop(reinterpret_cast<uv_poll_t*>(handle));
     uv_close(handle, CHttpFrame::FreeCurlSocketRec);
+}
+
+// The implementation class behind each public handle interface.
+// Exact() gives the queue side of a handle made by the library's own
+// factories, recognised by its exact type, and null for any other class.
+template <typename Handle>
+struct ImplOfHandle;
+template <>
+struct ImplOfHandle<IHttpHandleInterface> {
+    static IAsynOperInterface* Exact(IHttpHandleInterface* h) {
+        return typeid(*h) == typeid(CHttpHandle) ? static_cast<CHttpHandle*>(h) : nullptr;
+    }
+};
+template <>
+struct ImplOfHandle<ITimerHandleInterface> {
+    static IAsynOperInterface* Exact(ITimerHandleInterface* h) {
+        return typeid(*h) == typeid(CTimerHandle) ? static_cast<CTimerHandle*>(h) : nullptr;
+    }
+};
+template <>
+struct ImplOfHandle<IUdpHandleInterface> {
+    static IAsynOperInterface* Exact(IUdpHandleInterface* h) {
+        return typeid(*h) == typeid(CUdpHandle) ? static_cast<CUdpHandle*>(h) : nullptr;
+    }
+};
+
+// `handle` as the library's own implementation class `Impl`, or empty when it
+// is some other class. Handles from the library's factories, the usual case,
+// are recognised by their exact type, without a cross cast through the
+// run-time type information of the whole hierarchy.
+template <typename Impl, typename Handle>
+std::shared_ptr<Impl> ImplCast(const std::shared_ptr<Handle>& handle) {
+    if (typeid(*handle) == typeid(Impl)) return std::static_pointer_cast<Impl>(handle);
+    return std::dynamic_pointer_cast<Impl>(handle);
+}
+
+// The queue side of `handle`: its own implementation's, or that of any other
+// class that offers one; empty when it offers none.
+template <typename Handle>
+std::shared_ptr<IAsynOperInterface> QueueSideOf(const std::shared_ptr<Handle>& handle) {
+    if (IAsynOperInterface* side = ImplOfHandle<Handle>::Exact(handle.get()))
+        return std::shared_ptr<IAsynOperInterface>(handle, side);
+    return std::dynamic_pointer_cast<IAsynOperInterface>(handle);
 }
 
 }  // namespace
@@ -356,7 +402,7 @@ int CHttpFrame::SubmitHandleOper(AsynOperType type, const std::shared_ptr<Handle
                                  Done&& done, void* userData) {
     // Only handles made by the library's own factories carry the queue side;
     // anything else is refused rather than trusted.
-    std::shared_ptr<IAsynOperInterface> target = std::dynamic_pointer_cast<IAsynOperInterface>(handle);
+    std::shared_ptr<IAsynOperInterface> target = QueueSideOf(handle);
     if (!target) return -1;
     auto oper = std::make_shared<Req>();
     oper->m_Type = type;
@@ -375,7 +421,7 @@ int CHttpFrame::AddHttpReq(std::shared_ptr<IHttpHandleInterface> handle, bool fo
     }
     WriteNetLog(LOG_ROUTINE, "[NETLOOP]add http handle[%p] [%d]", static_cast<void*>(handle.get()),
                 static_cast<int>(forceAsyn));
-    std::shared_ptr<CHttpHandle> impl = std::dynamic_pointer_cast<CHttpHandle>(handle);
+    std::shared_ptr<CHttpHandle> impl = ImplCast<CHttpHandle>(handle);
     if (!impl) return -1;
     impl->SetFrame(shared_from_this());
     return SubmitHandleOper<AsynHttpReq>(OperAddHttp, handle, forceAsyn, std::move(done), userData);
@@ -389,7 +435,7 @@ int CHttpFrame::DelHttpReq(std::shared_ptr<IHttpHandleInterface> handle, bool fo
     const bool queuedOnLoop = IsLoopThread() && (forceAsyn || InsideCurl());
     int rc = SubmitHandleOper<AsynHttpReq>(OperDelHttp, handle, forceAsyn, std::move(done), userData);
     if (rc == 0 && queuedOnLoop) {
-        if (auto impl = std::dynamic_pointer_cast<CHttpHandle>(handle)) impl->SetEndQueued(true);
+        if (auto impl = ImplCast<CHttpHandle>(handle)) impl->SetEndQueued(true);
     }
     return rc;
 }
