@@ -58,7 +58,9 @@ struct ImplOfHandle<IHttpHandleInterface> {
 template <>
 struct ImplOfHandle<ITimerHandleInterface> {
     static IAsynOperInterface* Exact(ITimerHandleInterface* h) {
-        return typeid(*h) == typeid(CTimerHandle) ? static_cast<CTimerHandle*>(h) : nullptr;
+        const std::type_info& type = typeid(*h);
+        if (type == typeid(CFunctionTimerHandle)) return static_cast<CFunctionTimerHandle*>(h);
+        return type == typeid(CTimerHandle) ? static_cast<CTimerHandle*>(h) : nullptr;
     }
 };
 template <>
