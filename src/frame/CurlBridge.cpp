@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <strings.h>
+#include <unistd.h>
 
 #include "frame/CurlSocketRec.h"
 #include "frame/HttpFrame.h"
@@ -91,7 +92,10 @@ int CHttpFrame::HandleSocket(CURL* easy, curl_socket_t socket, int action, void*
             if (socketp == nullptr) return 0;
             auto* rec = static_cast<CurlSocketRec*>(socketp);
             uv_poll_stop(&rec->m_Poll);
-            if (uv_is_closing(reinterpret_cast<uv_handle_t*>(&rec->m_Poll)) == 0)
+            // libcurl removes a kept-alive connection's socket after every
+            // transfer: its record stays, stopped, for the next transfer on the
+            // same connection, and goes when libcurl closes the socket.
+            if (uv_is_closing(reinterpret_cast<uv_handle_t*>(&rec->m_Poll)) == 0 && !frame->KeepSocketRec(rec))
                 uv_close(reinterpret_cast<uv_handle_t*>(&rec->m_Poll), FreeCurlSocketRec);
             curl_multi_assign(frame->m_Multi, socket, nullptr);
             return 0;
@@ -105,7 +109,8 @@ int CHttpFrame::HandleSocket(CURL* easy, curl_socket_t socket, int action, void*
 int CHttpFrame::OnHandleSocket(CHttpFrame* frame, curl_socket_t socket, int action, void* socketp) {
     auto* rec = static_cast<CurlSocketRec*>(socketp);
     const bool made = rec == nullptr;
-    if (made) {
+    if (made) rec = frame->TakeSocketRec(socket);
+    if (rec == nullptr) {
         std::shared_ptr<uv_loop_t> loop = frame->m_Loop;
         if (!loop) return 0;
         rec = static_cast<CurlSocketRec*>(std::malloc(sizeof(CurlSocketRec)));
@@ -150,6 +155,68 @@ void CHttpFrame::CurlPerform(uv_poll_t* poll, int status, int events) {
 }
 
 void CHttpFrame::FreeCurlSocketRec(uv_handle_t* handle) { std::free(handle->data); }
+
+// ---------------------------------------------------------------------------
+// Records kept across transfers on one connection
+
+thread_local CHttpFrame* CHttpFrame::s_SocketFrame = nullptr;
+
+namespace {
+
+template <typename T>
+T* SlotOf(std::vector<T>& table, curl_socket_t socket, bool grow) {
+    if (socket < 0) return nullptr;
+    const size_t index = static_cast<size_t>(socket);
+    if (index >= table.size()) {
+        if (!grow) return nullptr;
+        table.resize(index + 1);
+    }
+    return &table[index];
+}
+
+}  // namespace
+
+int CHttpFrame::OnCurlSockopt(void*, curl_socket_t socket, curlsocktype purpose) {
+    // A connection's socket: libcurl closes it through OnCurlCloseSocket.
+    CHttpFrame* frame = s_SocketFrame;
+    if (frame != nullptr && purpose == CURLSOCKTYPE_IPCXN) {
+        if (uint8_t* slot = SlotOf(frame->m_CurlClosesSocket, socket, true)) *slot = 1;
+    }
+    return CURL_SOCKOPT_OK;
+}
+
+int CHttpFrame::OnCurlCloseSocket(void*, curl_socket_t socket) {
+    // The record goes first: libuv must not be left watching a closed
+    // descriptor, whose number the next socket may take.
+    if (CHttpFrame* frame = s_SocketFrame) frame->ForgetCurlSocket(socket);
+    return ::close(socket);
+}
+
+bool CHttpFrame::KeepSocketRec(CurlSocketRec* rec) {
+    // Only where the socket's close is sure to be heard: libcurl closes the
+    // sockets of other things it watches (a resolver's, for one) itself.
+    if (s_SocketFrame != this) return false;
+    uint8_t* closes = SlotOf(m_CurlClosesSocket, rec->m_Socket, false);
+    if (closes == nullptr || *closes == 0) return false;
+    CurlSocketRec** kept = SlotOf(m_KeptSocketRecs, rec->m_Socket, true);
+    if (*kept != nullptr) return false;
+    *kept = rec;
+    return true;
+}
+
+CurlSocketRec* CHttpFrame::TakeSocketRec(curl_socket_t socket) {
+    CurlSocketRec** kept = SlotOf(m_KeptSocketRecs, socket, false);
+    if (kept == nullptr || *kept == nullptr) return nullptr;
+    CurlSocketRec* rec = *kept;
+    *kept = nullptr;
+    return rec;
+}
+
+void CHttpFrame::ForgetCurlSocket(curl_socket_t socket) {
+    if (uint8_t* closes = SlotOf(m_CurlClosesSocket, socket, false)) *closes = 0;
+    if (CurlSocketRec* rec = TakeSocketRec(socket))
+        uv_close(reinterpret_cast<uv_handle_t*>(&rec->m_Poll), FreeCurlSocketRec);
+}
 
 // Every libcurl call that may reach the application's notices goes through
 // here, so the frame knows when it is inside libcurl.

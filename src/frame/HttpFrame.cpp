@@ -181,6 +181,8 @@ bool CHttpFrame::InitLoopHandles() {
 }
 
 void CHttpFrame::ReleaseLoopResources() {
+    // libcurl closes its connections below; their records go with them.
+    SocketFrameScope scope(this);
     if (m_Share != nullptr) {
         curl_share_cleanup(m_Share);
         m_Share = nullptr;
@@ -206,6 +208,8 @@ void CHttpFrame::ReleaseLoopResources() {
         m_Loop.reset();
     }
     m_WsDue.clear();
+    m_CurlClosesSocket.clear();
+    m_KeptSocketRecs.clear();
 }
 
 void CHttpFrame::Uninit() {
@@ -245,6 +249,7 @@ bool CHttpFrame::WaitRunning(int32_t timeoutMs) {
 
 void CHttpFrame::FrameThread(std::shared_ptr<CHttpFrame> self) {
     WriteNetLog(LOG_ROUTINE, "[NETLOOP]FrameThread Start");
+    SocketFrameScope scope(this);
     sysutil::SetThreadName("Http");
     m_Tid.store(sysutil::GetTid(), std::memory_order_release);
 

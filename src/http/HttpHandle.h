@@ -178,6 +178,7 @@ private:
     std::shared_ptr<CHttpFrame> m_Frame;  // accessed atomically
     CURLSH* m_JoinedShare = nullptr;      // the share m_Curl was attached to (loop thread)
     bool m_EndQueued = false;             // see SetEndQueued (loop thread)
+    bool m_SocketHooks = false;           // m_Curl has the frame's socket callbacks (loop thread)
     std::atomic<int32_t> m_State{HTTP_HANDLE_IDLE};
 
     // WebSocket connection state; loop thread only unless noted.
