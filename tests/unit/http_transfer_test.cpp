@@ -687,9 +687,14 @@ struct ChainedGets {
             };
         }
         for (int lane = 0; lane < lanes; ++lane) OnLoop(frame, [&] { launch(lane); });
-        ASSERT_TRUE(WaitUntil([&] { return finished.load() == total; }, 120s)) << finished.load();
-        // The notices hold the lambdas that refer to this frame of the stack.
-        for (auto& n : notices) n->onFinish = nullptr;
+        const bool done = WaitUntil([&] { return finished.load() == total; }, 120s);
+        // The notices' lambdas refer to this frame of the stack, and the last
+        // OnFinish may still be on its way out: they go on the loop thread,
+        // behind it.
+        OnLoop(frame, [&] {
+            for (auto& n : notices) n->onFinish = nullptr;
+        });
+        ASSERT_TRUE(done) << finished.load();
     }
 };
 
