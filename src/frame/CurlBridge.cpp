@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <strings.h>
+#include <unistd.h>
 
 #include "frame/CurlSocketRec.h"
 #include "frame/HttpFrame.h"
@@ -105,7 +106,10 @@ int CHttpFrame::HandleSocket(CURL* easy, curl_socket_t socket, int action, void*
             if (socketp == nullptr) return 0;
             auto* rec = static_cast<CurlSocketRec*>(socketp);
             uv_poll_stop(&rec->m_Poll);
-            if (uv_is_closing(reinterpret_cast<uv_handle_t*>(&rec->m_Poll)) == 0)
+            // libcurl removes a kept-alive connection's socket after every
+            // transfer: its record stays, stopped, for the next transfer on the
+            // same connection, and goes when libcurl closes the socket.
+            if (uv_is_closing(reinterpret_cast<uv_handle_t*>(&rec->m_Poll)) == 0 && !frame->KeepSocketRec(rec))
                 uv_close(reinterpret_cast<uv_handle_t*>(&rec->m_Poll), FreeCurlSocketRec);
             curl_multi_assign(frame->m_Multi, socket, nullptr);
             return 0;
@@ -119,7 +123,8 @@ int CHttpFrame::HandleSocket(CURL* easy, curl_socket_t socket, int action, void*
 int CHttpFrame::OnHandleSocket(CHttpFrame* frame, curl_socket_t socket, int action, void* socketp) {
     auto* rec = static_cast<CurlSocketRec*>(socketp);
     const bool made = rec == nullptr;
-    if (made) {
+    if (made) rec = frame->TakeSocketRec(socket);
+    if (rec == nullptr) {
         std::shared_ptr<uv_loop_t> loop = frame->m_Loop;
         if (!loop) return 0;
         rec = static_cast<CurlSocketRec*>(std::malloc(sizeof(CurlSocketRec)));
@@ -165,6 +170,68 @@ void CHttpFrame::CurlPerform(uv_poll_t* poll, int status, int events) {
 
 void CHttpFrame::FreeCurlSocketRec(uv_handle_t* handle) { std::free(handle->data); }
 
+// ---------------------------------------------------------------------------
+// Records kept across transfers on one connection
+
+thread_local CHttpFrame* CHttpFrame::s_SocketFrame = nullptr;
+
+namespace {
+
+template <typename T>
+T* SlotOf(std::vector<T>& table, curl_socket_t socket, bool grow) {
+    if (socket < 0) return nullptr;
+    const size_t index = static_cast<size_t>(socket);
+    if (index >= table.size()) {
+        if (!grow) return nullptr;
+        table.resize(index + 1);
+    }
+    return &table[index];
+}
+
+}  // namespace
+
+int CHttpFrame::OnCurlSockopt(void*, curl_socket_t socket, curlsocktype purpose) {
+    // A connection's socket: libcurl closes it through OnCurlCloseSocket.
+    CHttpFrame* frame = s_SocketFrame;
+    if (frame != nullptr && purpose == CURLSOCKTYPE_IPCXN) {
+        if (uint8_t* slot = SlotOf(frame->m_CurlClosesSocket, socket, true)) *slot = 1;
+    }
+    return CURL_SOCKOPT_OK;
+}
+
+int CHttpFrame::OnCurlCloseSocket(void*, curl_socket_t socket) {
+    // The record goes first: libuv must not be left watching a closed
+    // descriptor, whose number the next socket may take.
+    if (CHttpFrame* frame = s_SocketFrame) frame->ForgetCurlSocket(socket);
+    return ::close(socket);
+}
+
+bool CHttpFrame::KeepSocketRec(CurlSocketRec* rec) {
+    // Only where the socket's close is sure to be heard: libcurl closes the
+    // sockets of other things it watches (a resolver's, for one) itself.
+    if (s_SocketFrame != this) return false;
+    uint8_t* closes = SlotOf(m_CurlClosesSocket, rec->m_Socket, false);
+    if (closes == nullptr || *closes == 0) return false;
+    CurlSocketRec** kept = SlotOf(m_KeptSocketRecs, rec->m_Socket, true);
+    if (*kept != nullptr) return false;
+    *kept = rec;
+    return true;
+}
+
+CurlSocketRec* CHttpFrame::TakeSocketRec(curl_socket_t socket) {
+    CurlSocketRec** kept = SlotOf(m_KeptSocketRecs, socket, false);
+    if (kept == nullptr || *kept == nullptr) return nullptr;
+    CurlSocketRec* rec = *kept;
+    *kept = nullptr;
+    return rec;
+}
+
+void CHttpFrame::ForgetCurlSocket(curl_socket_t socket) {
+    if (uint8_t* closes = SlotOf(m_CurlClosesSocket, socket, false)) *closes = 0;
+    if (CurlSocketRec* rec = TakeSocketRec(socket))
+        uv_close(reinterpret_cast<uv_handle_t*>(&rec->m_Poll), FreeCurlSocketRec);
+}
+
 // Every libcurl call that may reach the application's notices goes through
 // here, so the frame knows when it is inside libcurl.
 CURLMcode CHttpFrame::SocketAction(curl_socket_t socket, int mask) {
@@ -184,6 +251,9 @@ int CHttpFrame::StartTimeout(CURLM*, long timeoutMs, void* userp) {
         WriteNetLog(LOG_ERROR, "[NETLOOP]StartTimeout get null userdata");
         return 0;
     }
+    uv_idle_t* kick = &frame->m_Kick;
+    // Every call replaces the wait before it, the kick's included.
+    if (timeoutMs != 0 && uv_is_active(reinterpret_cast<uv_handle_t*>(kick)) != 0) uv_idle_stop(kick);
     if (timeoutMs < 0) {
         uv_timer_stop(&frame->m_Timer);
         return 0;
@@ -192,17 +262,29 @@ int CHttpFrame::StartTimeout(CURLM*, long timeoutMs, void* userp) {
     // current call stack.
     uint64_t timeout = timeoutMs == 0 ? 1 : static_cast<uint64_t>(timeoutMs);
     uv_timer_start(&frame->m_Timer, OnTimeout, timeout, 0);
+    // The kick runs the same time-out on the next turn of the loop instead of
+    // a millisecond later; the loop does not sleep while it is pending. Once
+    // the frame stops the kick is closing and stays off, like m_Timer, which
+    // libuv no longer starts then (an idle handle it would take back).
+    if (timeoutMs == 0 && kick->loop != nullptr && uv_is_closing(reinterpret_cast<uv_handle_t*>(kick)) == 0)
+        uv_idle_start(kick, OnKick);
     return 0;
 }
 
-void CHttpFrame::OnTimeout(uv_timer_t* timer) {
-    auto* frame = static_cast<CHttpFrame*>(timer->data);
-    CURLMcode rc = frame->SocketAction(CURL_SOCKET_TIMEOUT, 0);
+void CHttpFrame::OnTimeout(uv_timer_t* timer) { static_cast<CHttpFrame*>(timer->data)->RunTimeout(); }
+
+void CHttpFrame::OnKick(uv_idle_t* idle) {
+    uv_idle_stop(idle);
+    static_cast<CHttpFrame*>(idle->data)->RunTimeout();
+}
+
+void CHttpFrame::RunTimeout() {
+    CURLMcode rc = SocketAction(CURL_SOCKET_TIMEOUT, 0);
     if (rc != CURLM_OK)
         WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl_multi_socket_action failed while OnTimeout",
                     static_cast<int>(rc), curl_multi_strerror(rc));
-    frame->CheckMultiInfo();
-    frame->RunWsService();
+    CheckMultiInfo();
+    RunWsService();
 }
 
 // ---------------------------------------------------------------------------

@@ -4,12 +4,15 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <typeinfo>
 #ifndef _WIN32
 #include <unistd.h>
 #endif
 
 #include "frame/NetLog.h"
 #include "http/HttpHandle.h"
+#include "timer/TimerHandle.h"
+#include "udp/UdpHandle.h"
 
 namespace netloop {
 namespace {
@@ -41,6 +44,51 @@ void CloseCurlSocketRec(uv_handle_t* handle, void*) {
     uv_close(handle, CHttpFrame::FreeCurlSocketRec);
 }
 
+// The implementation class behind each public handle interface.
+// Exact() gives the queue side of a handle made by the library's own
+// factories, recognised by its exact type, and null for any other class.
+template <typename Handle>
+struct ImplOfHandle;
+template <>
+struct ImplOfHandle<IHttpHandleInterface> {
+    static IAsynOperInterface* Exact(IHttpHandleInterface* h) {
+        return typeid(*h) == typeid(CHttpHandle) ? static_cast<CHttpHandle*>(h) : nullptr;
+    }
+};
+template <>
+struct ImplOfHandle<ITimerHandleInterface> {
+    static IAsynOperInterface* Exact(ITimerHandleInterface* h) {
+        const std::type_info& type = typeid(*h);
+        if (type == typeid(CFunctionTimerHandle)) return static_cast<CFunctionTimerHandle*>(h);
+        return type == typeid(CTimerHandle) ? static_cast<CTimerHandle*>(h) : nullptr;
+    }
+};
+template <>
+struct ImplOfHandle<IUdpHandleInterface> {
+    static IAsynOperInterface* Exact(IUdpHandleInterface* h) {
+        return typeid(*h) == typeid(CUdpHandle) ? static_cast<CUdpHandle*>(h) : nullptr;
+    }
+};
+
+// `handle` as the library's own implementation class `Impl`, or empty when it
+// is some other class. Handles from the library's factories, the usual case,
+// are recognised by their exact type, without a cross cast through the
+// run-time type information of the whole hierarchy.
+template <typename Impl, typename Handle>
+std::shared_ptr<Impl> ImplCast(const std::shared_ptr<Handle>& handle) {
+    if (typeid(*handle) == typeid(Impl)) return std::static_pointer_cast<Impl>(handle);
+    return std::dynamic_pointer_cast<Impl>(handle);
+}
+
+// The queue side of `handle`: its own implementation's, or that of any other
+// class that offers one; empty when it offers none.
+template <typename Handle>
+std::shared_ptr<IAsynOperInterface> QueueSideOf(const std::shared_ptr<Handle>& handle) {
+    if (IAsynOperInterface* side = ImplOfHandle<Handle>::Exact(handle.get()))
+        return std::shared_ptr<IAsynOperInterface>(handle, side);
+    return std::dynamic_pointer_cast<IAsynOperInterface>(handle);
+}
+
 }  // namespace
 
 CHttpFrame::CHttpFrame() {
@@ -48,6 +96,7 @@ CHttpFrame::CHttpFrame() {
     std::memset(&m_Timer, 0, sizeof(m_Timer));
     std::memset(&m_ReqAsync, 0, sizeof(m_ReqAsync));
     std::memset(&m_WsTimer, 0, sizeof(m_WsTimer));
+    std::memset(&m_Kick, 0, sizeof(m_Kick));
 }
 
 CHttpFrame::~CHttpFrame() {
@@ -88,6 +137,7 @@ bool CHttpFrame::InitLoopHandles() {
     std::memset(&m_Timer, 0, sizeof(m_Timer));
     std::memset(&m_ReqAsync, 0, sizeof(m_ReqAsync));
     std::memset(&m_WsTimer, 0, sizeof(m_WsTimer));
+    std::memset(&m_Kick, 0, sizeof(m_Kick));
 
     m_Loop.reset(static_cast<uv_loop_t*>(std::malloc(sizeof(uv_loop_t))), std::free);
     int rc = m_Loop ? uv_loop_init(m_Loop.get()) : UV_ENOMEM;
@@ -121,10 +171,18 @@ bool CHttpFrame::InitLoopHandles() {
         WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]uv_timer_init failed", rc, uv_strerror(rc));
         return false;
     }
+    m_Kick.data = this;
+    rc = uv_idle_init(m_Loop.get(), &m_Kick);
+    if (rc != 0) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]uv_idle_init failed", rc, uv_strerror(rc));
+        return false;
+    }
     return true;
 }
 
 void CHttpFrame::ReleaseLoopResources() {
+    // libcurl closes its connections below; their records go with them.
+    SocketFrameScope scope(this);
     if (m_Share != nullptr) {
         curl_share_cleanup(m_Share);
         m_Share = nullptr;
@@ -141,6 +199,7 @@ void CHttpFrame::ReleaseLoopResources() {
         CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_StopAsync));
         CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_ReqAsync));
         CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_WsTimer));
+        CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_Kick));
         // One more pass completes the closes begun above and those that
         // curl_multi_cleanup began for its sockets, so no handle memory is left
         // behind when the loop goes.
@@ -149,6 +208,8 @@ void CHttpFrame::ReleaseLoopResources() {
         m_Loop.reset();
     }
     m_WsDue.clear();
+    m_CurlClosesSocket.clear();
+    m_KeptSocketRecs.clear();
 }
 
 void CHttpFrame::Uninit() {
@@ -188,6 +249,7 @@ bool CHttpFrame::WaitRunning(int32_t timeoutMs) {
 
 void CHttpFrame::FrameThread(std::shared_ptr<CHttpFrame> self) {
     WriteNetLog(LOG_ROUTINE, "[NETLOOP]FrameThread Start");
+    SocketFrameScope scope(this);
     sysutil::SetThreadName("Http");
     m_Tid.store(sysutil::GetTid(), std::memory_order_release);
 
@@ -288,6 +350,7 @@ void CHttpFrame::StopOnLoop(uv_async_t*) {
     CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_StopAsync));
     CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_ReqAsync));
     CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_WsTimer));
+    CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_Kick));
 }
 
 // ---------------------------------------------------------------------------
@@ -307,8 +370,11 @@ void CHttpFrame::RunAsynOperReqs() {
     ActiveBatch* outer = m_ActiveBatch;
     m_ActiveBatch = &active;
     while (active.next < batch.size()) {
-        std::shared_ptr<AsynOperReq> oper = batch[active.next++];
-        oper->m_Oper->DoAsynOper(oper, self);
+        // The record leaves the batch for the handle, which owns it from here;
+        // a stop inside DoAsynOper takes back only what follows it.
+        std::shared_ptr<AsynOperReq> oper = std::move(batch[active.next++]);
+        IAsynOperInterface* target = oper->m_Oper.get();
+        target->DoAsynOper(std::move(oper), self);
     }
     m_ActiveBatch = outer;
     // Hand the grown storage back so producers do not regrow it every wake-up.
@@ -348,7 +414,7 @@ int CHttpFrame::SubmitHandleOper(AsynOperType type, const std::shared_ptr<Handle
                                  Done&& done, void* userData) {
     // Only handles made by the library's own factories carry the queue side;
     // anything else is refused rather than trusted.
-    std::shared_ptr<IAsynOperInterface> target = std::dynamic_pointer_cast<IAsynOperInterface>(handle);
+    std::shared_ptr<IAsynOperInterface> target = QueueSideOf(handle);
     if (!target) return -1;
     auto oper = std::make_shared<Req>();
     oper->m_Type = type;
@@ -367,7 +433,7 @@ int CHttpFrame::AddHttpReq(std::shared_ptr<IHttpHandleInterface> handle, bool fo
     }
     WriteNetLog(LOG_ROUTINE, "[NETLOOP]add http handle[%p] [%d]", static_cast<void*>(handle.get()),
                 static_cast<int>(forceAsyn));
-    std::shared_ptr<CHttpHandle> impl = std::dynamic_pointer_cast<CHttpHandle>(handle);
+    std::shared_ptr<CHttpHandle> impl = ImplCast<CHttpHandle>(handle);
     if (!impl) return -1;
     impl->SetFrame(shared_from_this());
     return SubmitHandleOper<AsynHttpReq>(OperAddHttp, handle, forceAsyn, std::move(done), userData);
@@ -381,7 +447,7 @@ int CHttpFrame::DelHttpReq(std::shared_ptr<IHttpHandleInterface> handle, bool fo
     const bool queuedOnLoop = IsLoopThread() && (forceAsyn || InsideCurl());
     int rc = SubmitHandleOper<AsynHttpReq>(OperDelHttp, handle, forceAsyn, std::move(done), userData);
     if (rc == 0 && queuedOnLoop) {
-        if (auto impl = std::dynamic_pointer_cast<CHttpHandle>(handle)) impl->SetEndQueued(true);
+        if (auto impl = ImplCast<CHttpHandle>(handle)) impl->SetEndQueued(true);
     }
     return rc;
 }

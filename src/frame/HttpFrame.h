@@ -21,6 +21,7 @@
 namespace netloop {
 
 class CHttpHandle;
+struct CurlSocketRec;
 
 enum FrameState : int32_t {
     FrameIdle = 0,     // nothing set up; Init may run
@@ -81,8 +82,14 @@ public:
     static int OnHandleSocket(CHttpFrame* frame, curl_socket_t socket, int action, void* socketp);
     static int StartTimeout(CURLM* multi, long timeoutMs, void* userp);
     static void OnTimeout(uv_timer_t* timer);
+    static void OnKick(uv_idle_t* idle);
     static void CurlPerform(uv_poll_t* poll, int status, int events);
     static void FreeCurlSocketRec(uv_handle_t* handle);
+    // Set on every easy handle when it is added: libcurl marks the sockets of
+    // its connections through the first and closes them through the second,
+    // so a record can outlive CURL_POLL_REMOVE until its socket really closes.
+    static int OnCurlSockopt(void* clientp, curl_socket_t socket, curlsocktype purpose);
+    static int OnCurlCloseSocket(void* clientp, curl_socket_t socket);
     void CheckMultiInfo();
     void FinishHttpReq(CURL* easy, CURLcode result);
     void EndWebSocket(CURL* easy, CURLcode result);
@@ -117,7 +124,20 @@ public:
     std::mutex m_ShareMutex[kShareLockCount];
     int m_CurlDepth = 0;  // loop thread only; see InsideCurl
     uv_timer_t m_WsTimer;  // serves m_WsDue between libcurl calls
+    // libcurl's "time-out 0" served on the next turn of the loop, without the
+    // 1 ms wait of m_Timer (which stays armed as libcurl asked).
+    uv_idle_t m_Kick;
     std::vector<std::weak_ptr<CHttpHandle>> m_WsDue;  // loop thread only
+
+    // The frame whose libcurl calls this thread makes: the loop thread's own
+    // frame, or the frame whose loop resources are being released here.
+    // libcurl's socket callbacks above reach the frame through it.
+    static thread_local CHttpFrame* s_SocketFrame;
+    struct SocketFrameScope {
+        explicit SocketFrameScope(CHttpFrame* frame) : m_Outer(s_SocketFrame) { s_SocketFrame = frame; }
+        ~SocketFrameScope() { s_SocketFrame = m_Outer; }
+        CHttpFrame* m_Outer;
+    };
 
 private:
     // The batch RunAsynOperReqs is working through (loop thread only), so a
@@ -150,6 +170,17 @@ private:
                          void* userData);
     int SubmitOper(std::shared_ptr<AsynOperReq> oper, bool forceAsyn);
     CURLMcode SocketAction(curl_socket_t socket, int mask);
+    // Kept records (CurlBridge.cpp); loop thread, or the release of the loop.
+    bool KeepSocketRec(CurlSocketRec* rec);
+    CurlSocketRec* TakeSocketRec(curl_socket_t socket);
+    void ForgetCurlSocket(curl_socket_t socket);
+
+    // By descriptor, for the sockets of libcurl's connections: whether libcurl
+    // closes it through OnCurlCloseSocket, and the record kept for it after
+    // CURL_POLL_REMOVE (poll stopped, handle open), if any.
+    std::vector<uint8_t> m_CurlClosesSocket;
+    std::vector<CurlSocketRec*> m_KeptSocketRecs;
+    void RunTimeout();
 };
 
 }  // namespace netloop

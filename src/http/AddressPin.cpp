@@ -68,9 +68,15 @@ std::string CHttpHandle::BuildAddressPin(const char* url) {
     if (resolver->ResolveHost(host.c_str(), &hints, nullptr, nullptr, &result) != 0 || result == nullptr) return {};
     std::string ipv4, ipv6;
     hostseek_interface::IHostseekInterface::Parse(result, ipv4, ipv6);
-    if (!ipv4.empty()) return host + ":" + port + ":" + ipv4;
-    if (!ipv6.empty()) return host + ":" + port + ":[" + ipv6 + "]";
-    return {};
+    if (ipv4.empty() && ipv6.empty()) return {};
+    // One allocation for the entry, however long it is.
+    const bool v4 = !ipv4.empty();
+    const std::string& address = v4 ? ipv4 : ipv6;
+    std::string entry;
+    entry.reserve(host.size() + port.size() + address.size() + 4);
+    entry.append(host).append(1, ':').append(port).append(1, ':');
+    if (v4) return entry.append(address);
+    return entry.append(1, '[').append(address).append(1, ']');
 }
 
 }  // namespace netloop

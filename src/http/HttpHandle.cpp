@@ -171,6 +171,7 @@ void CHttpHandle::ReleaseTransfer() {
     curl_easy_cleanup(m_Curl);
     m_Curl = nullptr;
     m_JoinedShare = nullptr;
+    m_SocketHooks = false;
     if (m_File != nullptr) {
         std::fclose(m_File);
         m_File = nullptr;
@@ -224,6 +225,14 @@ int CHttpHandle::OperAdd(const std::shared_ptr<CHttpFrame>& frame, const AsynHtt
             // adds a name to the easy handle's list, hence once per easy handle.
             curl_easy_setopt(m_Curl, CURLOPT_COOKIEFILE, "");
             m_JoinedShare = frame->m_Share;
+        }
+        if (!m_SocketHooks) {
+            // The frame keeps a connection's poll record between transfers
+            // and needs to hear when libcurl closes the socket; a refused
+            // option only costs that.
+            curl_easy_setopt(m_Curl, CURLOPT_SOCKOPTFUNCTION, &CHttpFrame::OnCurlSockopt);
+            curl_easy_setopt(m_Curl, CURLOPT_CLOSESOCKETFUNCTION, &CHttpFrame::OnCurlCloseSocket);
+            m_SocketHooks = true;
         }
         rc = curl_multi_add_handle(frame->m_Multi, m_Curl);
     }

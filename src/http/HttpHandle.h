@@ -121,6 +121,23 @@ private:
         unsigned int flags;
         size_t done;  // payload bytes libcurl has taken so far
     };
+    // The outgoing queue of a WebSocket connection. Its storage is made by the
+    // first message that has to wait, so plain HTTP transfers carry none.
+    class WsOutQueue {
+    public:
+        bool empty() const { return !m_Queue || m_Queue->empty(); }
+        WsOutMessage& front() { return m_Queue->front(); }
+        void pop_front() { m_Queue->pop_front(); }
+        void push_back(WsOutMessage msg) {
+            if (!m_Queue) m_Queue.reset(new std::deque<WsOutMessage>);
+            m_Queue->push_back(std::move(msg));
+        }
+        // Takes the whole queue out, leaving this one empty.
+        std::unique_ptr<std::deque<WsOutMessage>> TakeAll() { return std::move(m_Queue); }
+
+    private:
+        std::unique_ptr<std::deque<WsOutMessage>> m_Queue;
+    };
     struct WsEarlyMessage {
         int type;
         std::string bytes;
@@ -161,10 +178,11 @@ private:
     std::shared_ptr<CHttpFrame> m_Frame;  // accessed atomically
     CURLSH* m_JoinedShare = nullptr;      // the share m_Curl was attached to (loop thread)
     bool m_EndQueued = false;             // see SetEndQueued (loop thread)
+    bool m_SocketHooks = false;           // m_Curl has the frame's socket callbacks (loop thread)
     std::atomic<int32_t> m_State{HTTP_HANDLE_IDLE};
 
     // WebSocket connection state; loop thread only unless noted.
-    std::deque<WsOutMessage> m_WsOut;      // ordered outgoing messages not yet fully taken by libcurl
+    WsOutQueue m_WsOut;                    // ordered outgoing messages not yet fully taken by libcurl
     std::vector<WsEarlyMessage> m_WsEarly; // messages that came with the upgrade, held for the open notice
     std::string m_WsControl;               // a control frame that spans chunks
     uint32_t m_WsGeneration = 0;           // counts connections, so a notice can tell its connection went away

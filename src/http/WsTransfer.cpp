@@ -392,9 +392,9 @@ void CHttpHandle::FlushWs() {
 
 // The connection is gone: what is still queued cannot go anywhere.
 void CHttpHandle::DropWsQueue() {
-    std::deque<WsOutMessage> dropped;
-    dropped.swap(m_WsOut);
-    for (const WsOutMessage& msg : dropped) {
+    if (m_WsOut.empty()) return;
+    std::unique_ptr<std::deque<WsOutMessage>> dropped = m_WsOut.TakeAll();
+    for (const WsOutMessage& msg : *dropped) {
         if (msg.done != 0)
             LogSendShort(SizeOf(msg.data), msg.done);
         else

@@ -15,4 +15,9 @@ void CFunctionTimerNotic::OnClose(std::shared_ptr<ITimerHandleInterface> handle,
     if (m_OnClose) m_OnClose(std::move(handle), userData);
 }
 
+void CFunctionTimerNotic::Release() {
+    m_OnClose = nullptr;
+    m_OnTimer = nullptr;
+}
+
 }  // namespace netloop

@@ -16,6 +16,9 @@ public:
     void OnTimer(std::shared_ptr<ITimerHandleInterface> handle, void* userData) override;
     void OnClose(std::shared_ptr<ITimerHandleInterface> handle, void* userData) override;
 
+    // Destroys both functions as the destructor would: m_OnClose, then m_OnTimer.
+    void Release();
+
 private:
     TimerFunc m_OnTimer;
     TimerFunc m_OnClose;

@@ -17,7 +17,7 @@ std::shared_ptr<ITimerHandleInterface> ITimerHandleInterface::Create(std::shared
 std::shared_ptr<ITimerHandleInterface> ITimerHandleInterface::Create(TimerFunc on_timer, TimerFunc on_close,
                                                                      uint64_t timeout, uint64_t repeat,
                                                                      void* userData) {
-    return std::make_shared<CTimerHandle>(std::move(on_timer), std::move(on_close), timeout, repeat, userData);
+    return std::make_shared<CFunctionTimerHandle>(std::move(on_timer), std::move(on_close), timeout, repeat, userData);
 }
 
 CTimerHandle::CTimerHandle(std::shared_ptr<ITimerHandleNotic> notice, uint64_t timeout, uint64_t repeat,
@@ -26,9 +26,17 @@ CTimerHandle::CTimerHandle(std::shared_ptr<ITimerHandleNotic> notice, uint64_t t
     std::memset(&m_Timer, 0, sizeof(m_Timer));
 }
 
-CTimerHandle::CTimerHandle(TimerFunc onTimer, TimerFunc onClose, uint64_t timeout, uint64_t repeat, void* userData)
-    : CTimerHandle(std::make_shared<CFunctionTimerNotic>(std::move(onTimer), std::move(onClose)), timeout, repeat,
-                   userData) {}
+CFunctionTimerHandle::CFunctionTimerHandle(TimerFunc onTimer, TimerFunc onClose, uint64_t timeout, uint64_t repeat,
+                                           void* userData)
+    : CTimerHandle(nullptr, timeout, repeat, userData), m_FunctionNotice(std::move(onTimer), std::move(onClose)) {
+    UseOwnNotice(&m_FunctionNotice);
+}
+
+void CTimerHandle::UseOwnNotice(CFunctionTimerNotic* notice) {
+    // No owner: the notice lives and dies with the handle.
+    m_Notice = std::shared_ptr<ITimerHandleNotic>(std::shared_ptr<ITimerHandleNotic>(), notice);
+    m_OwnNotice = notice;
+}
 
 CTimerHandle::~CTimerHandle() {
     // The self reference keeps the handle alive while libuv knows the timer, so
@@ -127,8 +135,9 @@ int CTimerHandle::OperAdd(const std::shared_ptr<CHttpFrame>& frame) {
 int CTimerHandle::InitTimer(const std::shared_ptr<uv_loop_t>& loop, const std::shared_ptr<CHttpFrame>& frame) {
     if (!loop || !frame) return -1;
     // A timer is added once: a second uv_timer_init on a timer libuv knows
-    // would corrupt the loop's handle list.
-    if (std::atomic_load(&m_Frame)) return -1;
+    // would corrupt the loop's handle list. The loop thread is the only one
+    // that writes m_Frame, so it reads the field without the atomic access.
+    if (m_Frame) return -1;
     if (uv_timer_init(loop.get(), &m_Timer) != 0) return -1;
     m_Timer.data = new std::shared_ptr<CTimerHandle>(shared_from_this());
     std::atomic_store(&m_Frame, frame);
@@ -137,7 +146,8 @@ int CTimerHandle::InitTimer(const std::shared_ptr<uv_loop_t>& loop, const std::s
 
 int CTimerHandle::OperDel() {
     // Never added: libuv has never seen m_Timer, so there is nothing to close.
-    if (!std::atomic_load(&m_Frame)) return -1;
+    // (Loop thread, the only writer of m_Frame: a plain read.)
+    if (!m_Frame) return -1;
     if (DoStopTimer() != 0) {
         WriteNetLog(LOG_ERROR, "[NETLOOP]stop timer failed");
         return -1;
@@ -186,6 +196,7 @@ void CTimerHandle::TimerCloseCallback(uv_handle_t* timer) {
     std::shared_ptr<CTimerHandle> handle = *self;
     if (handle->m_Notice) handle->m_Notice->OnClose(handle, handle->m_UserData);
     handle->m_Notice.reset();
+    if (handle->m_OwnNotice != nullptr) handle->m_OwnNotice->Release();
     delete self;
     timer->data = nullptr;
     // Dropping `handle` may destroy the timer here, on the loop thread.

@@ -12,6 +12,7 @@
 
 #include "frame/AsynOperReq.h"
 #include "netloop/ITimerHandleInterface.h"
+#include "timer/FunctionTimerNotic.h"
 
 namespace netloop {
 
@@ -20,7 +21,6 @@ class CTimerHandle : public std::enable_shared_from_this<CTimerHandle>,
                      public IAsynOperInterface {
 public:
     CTimerHandle(std::shared_ptr<ITimerHandleNotic> notice, uint64_t timeout, uint64_t repeat, void* userData);
-    CTimerHandle(TimerFunc onTimer, TimerFunc onClose, uint64_t timeout, uint64_t repeat, void* userData);
     ~CTimerHandle() override;
 
     int StopTimer(TimerDoneFunc done, void* userData) override;
@@ -32,6 +32,11 @@ public:
     // libuv callbacks; both reach the handle through the self reference in data.
     static void TimerCallback(uv_timer_t* timer);
     static void TimerCloseCallback(uv_handle_t* handle);
+
+protected:
+    // For a handle that carries its notice within itself (CFunctionTimerHandle):
+    // m_Notice does not own it, and the close releases its functions instead.
+    void UseOwnNotice(CFunctionTimerNotic* notice);
 
 private:
     int RequestOnLoop(AsynOperType type, TimerDoneFunc done, void* userData);
@@ -52,6 +57,21 @@ private:
     const uint64_t m_Repeat;
     std::shared_ptr<ITimerHandleNotic> m_Notice;  // loop thread only once added
     void* const m_UserData;
+    CFunctionTimerNotic* m_OwnNotice = nullptr;   // see UseOwnNotice
+};
+
+// The handle of the function form of ITimerHandleInterface::Create: the
+// function notice is built in the same allocation as the handle. m_Notice
+// refers to it without owning it; the close callback destroys the two
+// functions (and what they captured) right after OnClose, where clearing an
+// owning m_Notice would have destroyed them, and a handle that never closes
+// takes them along when it goes.
+class CFunctionTimerHandle final : public CTimerHandle {
+public:
+    CFunctionTimerHandle(TimerFunc onTimer, TimerFunc onClose, uint64_t timeout, uint64_t repeat, void* userData);
+
+private:
+    CFunctionTimerNotic m_FunctionNotice;
 };
 
 }  // namespace netloop

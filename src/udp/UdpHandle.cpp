@@ -55,8 +55,8 @@ bool CUdpHandle::IsIpv4() const {
 int CUdpHandle::SendUdpData(std::shared_ptr<std::vector<uint8_t>> data) {
     if (!data) return -1;
     if (m_State.load() != UDP_HANDLE_CONNECTED) return -1;
-    std::shared_ptr<CHttpFrame> frame = std::atomic_load(&m_Frame);
-    if (!frame) return -1;
+    CHttpFrame* frame = m_FramePtr.load(std::memory_order_acquire);
+    if (frame == nullptr) return -1;
     if (!frame->m_Running.load()) {
         WriteNetLog(LOG_ERROR, "[NETLOOP]Can not send udp data req now");
         return -1;
@@ -109,6 +109,7 @@ int CUdpHandle::AddOnLoop(const std::shared_ptr<AsynOperReq>& oper, const std::s
         if (rec->m_Done) rec->m_Done(shared_from_this(), rec->m_UserData, -1);
         return -1;
     }
+    m_FramePtr.store(frame.get(), std::memory_order_release);
 
     // A name is looked up once: a known address is used as it is.
     bool haveIp = true;

@@ -85,6 +85,10 @@ private:
     // read by SendUdpData and late look-up answers on other threads, hence
     // accessed atomically.
     std::shared_ptr<CHttpFrame> m_Frame;
+    // m_Frame's object, published once m_Frame is set. m_Frame never changes
+    // after that and holds the frame for the handle's whole life, so a sender
+    // reaches the frame through this without taking a reference of its own.
+    std::atomic<CHttpFrame*> m_FramePtr{nullptr};
     // Written on the loop thread only (atomically, by OnUdpClose); read
     // atomically off the loop thread.
     std::shared_ptr<IUdpHandleNotic> m_Notic;

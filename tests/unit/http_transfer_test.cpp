@@ -2,6 +2,7 @@
 // lines, many transfers at once, the address pin, every way of reusing and
 // ending a handle, the socket bridge, and what a stop leaves behind.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -502,14 +503,18 @@ TEST(CurlBridge, DirectCallsOnAFrameThatDoesNotRun) {
     auto impl = Impl(frame);
     uv_timer_t* timer = &impl->m_Timer;
 
-    // Time-outs: 0 and 1 arm 1 ms, a negative one stops the timer.
+    // Time-outs: 0 and 1 arm 1 ms, a negative one stops the timer. A 0 also
+    // kicks the loop for its next turn; any later call takes the kick back.
     struct TimerCase {
         long timeoutMs;
         bool active;
         uint64_t dueIn;
+        bool kicked;
     };
-    for (const TimerCase& c : {TimerCase{0, true, 1}, TimerCase{1, true, 1}, TimerCase{250, true, 250},
-                               TimerCase{-1, false, 0}}) {
+    uv_handle_t* kick = reinterpret_cast<uv_handle_t*>(&impl->m_Kick);
+    for (const TimerCase& c : {TimerCase{0, true, 1, true}, TimerCase{1, true, 1, false},
+                               TimerCase{0, true, 1, true}, TimerCase{250, true, 250, false},
+                               TimerCase{0, true, 1, true}, TimerCase{-1, false, 0, false}}) {
         SCOPED_TRACE(c.timeoutMs);
         uv_update_time(impl->m_Loop.get());
         EXPECT_EQ(CHttpFrame::StartTimeout(impl->m_Multi, c.timeoutMs, impl.get()), 0);
@@ -517,6 +522,7 @@ TEST(CurlBridge, DirectCallsOnAFrameThatDoesNotRun) {
         if (c.active) {
             EXPECT_EQ(uv_timer_get_due_in(timer), c.dueIn);
         }
+        EXPECT_EQ(uv_is_active(kick) != 0, c.kicked);
     }
     EXPECT_TRUE(log->Lines().empty());
 
@@ -618,6 +624,151 @@ TEST(CurlBridge, ServerClosingKeptConnectionsNeverUpsetsTheLoop) {
     EXPECT_EQ(wrong.load(), 0);
     EXPECT_GT(server.ConnectionCount(), static_cast<uint64_t>(total / 4));
     StopFrame(frame);
+}
+
+// The poll handles on a frame's loop, looked at on the loop thread: each one
+// must watch an open socket of a connection to `serverPort`.
+struct PollCensus {
+    int handles = 0;       // poll handles that are not closing
+    int active = 0;        // of those, the ones polling
+    int onClosedFd = 0;    // watching a descriptor that is closed
+    int notToServer = 0;   // watching a descriptor that is no client socket of the server's
+};
+
+PollCensus TakePollCensus(const std::shared_ptr<IHttpInterface>& frame, uint16_t serverPort) {
+    return OnLoop(frame, [&] {
+        struct Walk {
+            PollCensus census;
+            uint16_t port;
+        } walk{{}, serverPort};
+        uv_walk(Impl(frame)->m_Loop.get(), [](uv_handle_t* h, void* arg) {
+            auto* w = static_cast<Walk*>(arg);
+            if (h->type != UV_POLL || uv_is_closing(h)) return;
+            ++w->census.handles;
+            if (uv_is_active(h)) ++w->census.active;
+            uv_os_fd_t fd = -1;
+            uv_fileno(h, &fd);
+            if (::fcntl(fd, F_GETFD) == -1) {
+                ++w->census.onClosedFd;
+                return;
+            }
+            sockaddr_storage peer{};
+            socklen_t len = sizeof(peer);
+            if (::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &len) != 0 || peer.ss_family != AF_INET ||
+                ntohs(reinterpret_cast<sockaddr_in*>(&peer)->sin_port) != w->port)
+                ++w->census.notToServer;
+        }, &walk);
+        return walk.census;
+    });
+}
+
+// Transfers one after another from OnFinish, `lanes` at a time, until `total`
+// have finished; counts failures and wrong bodies.
+struct ChainedGets {
+    std::atomic<int> started{0}, finished{0}, failures{0}, wrong{0};
+    std::vector<std::shared_ptr<Notice>> notices;
+
+    void Run(const std::shared_ptr<IHttpInterface>& frame, const std::string& url, int lanes, int total) {
+        std::function<void(int)> launch = [&, total](int lane) {
+            if (started.fetch_add(1) >= total) return;
+            auto handle = IHttpHandleInterface::Create();
+            handle->InitHttpReq(url.c_str(), nullptr, HTTP_REQ_GET, notices[lane], 5000, 20000, nullptr);
+            frame->AddHttpReq(handle, false, nullptr, nullptr);
+        };
+        notices.resize(lanes);
+        for (int lane = 0; lane < lanes; ++lane) {
+            notices[lane] = std::make_shared<Notice>();
+            notices[lane]->onFinish = [&, lane](const std::shared_ptr<IHttpHandleInterface>& h, int result) {
+                if (result != 0) failures.fetch_add(1);
+                if (h->GetResponse() != "hello netloop") wrong.fetch_add(1);
+                frame->DelHttpReq(h, false, nullptr, nullptr);
+                finished.fetch_add(1);
+                launch(lane);
+            };
+        }
+        for (int lane = 0; lane < lanes; ++lane) OnLoop(frame, [&] { launch(lane); });
+        const bool done = WaitUntil([&] { return finished.load() == total; }, 120s);
+        // The notices' lambdas refer to this frame of the stack, and the last
+        // OnFinish may still be on its way out: they go on the loop thread,
+        // behind it.
+        OnLoop(frame, [&] {
+            for (auto& n : notices) n->onFinish = nullptr;
+        });
+        ASSERT_TRUE(done) << finished.load();
+    }
+};
+
+// libcurl removes a kept-alive connection's socket after every transfer. Its
+// poll record stays (stopped) and serves the next transfer on the same
+// connection: one record for the connection's whole life, and it goes when
+// libcurl closes the socket.
+TEST(CurlBridge, KeptAliveConnectionKeepsOneRecordForAllItsTransfers) {
+    HttpTestServer server;
+    const size_t fds = testsupport::OpenFdCount();
+    auto frame = SpiedFrame(false);
+    const int total = Sanitized() ? 2000 : 10000;
+    ChainedGets gets;
+    gets.Run(frame, server.Url("/fixed"), 1, total);
+    EXPECT_EQ(gets.failures.load(), 0);
+    EXPECT_EQ(gets.wrong.load(), 0);
+    EXPECT_EQ(server.ConnectionCount(), 1u);
+
+    // Between transfers: one record, not polling, on the connection's socket.
+    PollCensus census = TakePollCensus(frame, server.Port());
+    EXPECT_EQ(census.handles, 1);
+    EXPECT_EQ(census.active, 0);
+    EXPECT_EQ(census.onClosedFd, 0);
+    EXPECT_EQ(census.notToServer, 0);
+    StopFrame(frame);
+
+    std::lock_guard<std::mutex> lock(g_SpyMutex);
+    std::set<curl_socket_t> sockets;
+    std::set<void*> records;
+    size_t removes = 0;
+    for (const SocketCall& call : g_SocketCalls) {
+        sockets.insert(call.socket);
+        if (call.socketp != nullptr) records.insert(call.socketp);
+        removes += call.action == CURL_POLL_REMOVE;
+    }
+    EXPECT_EQ(sockets.size(), 1u);
+    // libcurl removed the socket after many of the transfers (not all: a
+    // transfer added from OnFinish can take the connection over first), and
+    // the record stayed the same throughout.
+    EXPECT_GT(removes, static_cast<size_t>(total / 10));
+    EXPECT_EQ(records.size(), 1u);
+    // The stop closed the connection and its record; nothing is left open.
+    EXPECT_TRUE(WaitUntil([&] { return server.OpenConnections() == 0; }));
+    EXPECT_EQ(testsupport::OpenFdCount(), fds);
+}
+
+// Connections that the server drops under load: a record kept for one of them
+// goes when libcurl closes its socket, before the descriptor can be taken by
+// the next socket, so no poll handle is ever left on a closed descriptor or on
+// a descriptor that now belongs to something else.
+TEST(CurlBridge, ConnectionsClosedUnderLoadTakeTheirRecordsAlong) {
+    HttpTestServer server;
+    server.SetCloseEveryNth(2);
+    const size_t fds = testsupport::OpenFdCount();
+    auto frame = StartFrame();
+    const int lanes = 8;
+    const int rounds = Sanitized() ? 2 : 5;
+    const int perRound = Sanitized() ? 200 : 1000;
+    for (int round = 0; round < rounds; ++round) {
+        SCOPED_TRACE(round);
+        ChainedGets gets;
+        gets.Run(frame, server.Url("/fixed"), lanes, perRound);
+        EXPECT_EQ(gets.failures.load(), 0);
+        EXPECT_EQ(gets.wrong.load(), 0);
+        PollCensus census = TakePollCensus(frame, server.Port());
+        EXPECT_EQ(census.onClosedFd, 0);
+        EXPECT_EQ(census.notToServer, 0);
+        EXPECT_EQ(census.active, 0);
+        EXPECT_LE(census.handles, lanes);
+    }
+    EXPECT_GT(server.ConnectionCount(), static_cast<uint64_t>(rounds * perRound / 4));
+    StopFrame(frame);
+    EXPECT_TRUE(WaitUntil([&] { return server.OpenConnections() == 0; }));
+    EXPECT_EQ(testsupport::OpenFdCount(), fds);
 }
 
 // HTTPS connections still in libcurl's cache at the stop are closed by

@@ -231,6 +231,72 @@ TEST(Timer, HandlesLiveUntilClosedAndNoLonger) {
     EXPECT_EQ(frame->Stop(false), 0);
 }
 
+// What a function timer's functions captured goes right after OnClose, on the
+// loop thread, or with the handle when it was never added.
+TEST(Timer, FunctionsAndTheirCapturesGoAtTheClose) {
+    struct Sentinel {
+        std::function<void()> onGone;
+        ~Sentinel() { onGone(); }
+    };
+    auto frame = StartedFrame();
+    std::mutex mutex;
+    std::vector<std::string> events;
+    auto add = [&](std::string what) {
+        std::lock_guard<std::mutex> lock(mutex);
+        events.push_back(std::move(what));
+    };
+    std::atomic<int32_t> goneTid{0};
+    std::weak_ptr<ITimerHandleInterface> weak;
+    {
+        auto onTimerGone = std::make_shared<Sentinel>();
+        onTimerGone->onGone = [&] { add("timer function gone"); };
+        auto onCloseGone = std::make_shared<Sentinel>();
+        onCloseGone->onGone = [&] {
+            add("close function gone");
+            goneTid = sysutil::GetTid();
+        };
+        auto timer = ITimerHandleInterface::Create(
+            [onTimerGone, &add](std::shared_ptr<ITimerHandleInterface>, void*) { add("timer"); },
+            [onCloseGone, &add](std::shared_ptr<ITimerHandleInterface>, void*) { add("close"); }, 0, 0, nullptr);
+        weak = timer;
+        onTimerGone.reset();
+        onCloseGone.reset();
+        AddAndWait(frame, timer);
+        ASSERT_TRUE(WaitUntil([&] {
+            std::lock_guard<std::mutex> lock(mutex);
+            return !events.empty();
+        }));
+        ASSERT_EQ(frame->DelTimerReq(timer, false, nullptr, nullptr), 0);
+        // The application still holds the handle: the functions go all the same.
+        ASSERT_TRUE(WaitUntil([&] { return goneTid.load() != 0; }));
+        EXPECT_FALSE(weak.expired());
+    }
+    EXPECT_TRUE(WaitUntil([&] { return weak.expired(); }));
+    EXPECT_EQ(goneTid.load(), LoopTid(frame));
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        EXPECT_EQ(events, (std::vector<std::string>{"timer", "close", "close function gone", "timer function gone"}));
+        events.clear();
+    }
+    // Never added: the functions go with the handle, on the dropping thread.
+    {
+        auto gone = std::make_shared<Sentinel>();
+        gone->onGone = [&] { add("never added gone"); };
+        auto timer = ITimerHandleInterface::Create([gone](std::shared_ptr<ITimerHandleInterface>, void*) {}, nullptr,
+                                                   1000, 0, nullptr);
+        gone.reset();
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            EXPECT_TRUE(events.empty());
+        }
+    }
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        EXPECT_EQ(events, (std::vector<std::string>{"never added gone"}));
+    }
+    EXPECT_EQ(frame->Stop(false), 0);
+}
+
 TEST(Timer, MisuseAndStoppedFramesAreRefused) {
     ScopedCaptureLogger log;
     auto frame = StartedFrame();
