@@ -424,13 +424,16 @@ int CHttpFrame::SubmitHandleOper(AsynOperType type, const std::shared_ptr<Handle
     return SubmitOper(std::move(oper), forceAsyn);
 }
 
+bool CHttpFrame::AcceptsAdd(const char* kind) const {
+    if (m_Running.load()) return true;
+    WriteNetLog(LOG_ERROR, "[NETLOOP]Can not add %s req now", kind);
+    return false;
+}
+
 int CHttpFrame::AddHttpReq(std::shared_ptr<IHttpHandleInterface> handle, bool forceAsyn, HttpDoneFunc done,
                            void* userData) {
     if (!handle) return -1;
-    if (!m_Running.load()) {
-        WriteNetLog(LOG_ERROR, "[NETLOOP]Can not add http req now");
-        return -1;
-    }
+    if (!AcceptsAdd("http")) return -1;
     WriteNetLog(LOG_ROUTINE, "[NETLOOP]add http handle[%p] [%d]", static_cast<void*>(handle.get()),
                 static_cast<int>(forceAsyn));
     std::shared_ptr<CHttpHandle> impl = ImplCast<CHttpHandle>(handle);
@@ -455,10 +458,7 @@ int CHttpFrame::DelHttpReq(std::shared_ptr<IHttpHandleInterface> handle, bool fo
 int CHttpFrame::AddTimerReq(std::shared_ptr<ITimerHandleInterface> handle, bool forceAsyn, TimerDoneFunc done,
                             void* userData) {
     if (!handle) return -1;
-    if (!m_Running.load()) {
-        WriteNetLog(LOG_ERROR, "[NETLOOP]Can not add timer req now");
-        return -1;
-    }
+    if (!AcceptsAdd("timer")) return -1;
     return SubmitHandleOper<AsynTimerReq>(OperAddTimer, handle, forceAsyn, std::move(done), userData);
 }
 
@@ -471,10 +471,7 @@ int CHttpFrame::DelTimerReq(std::shared_ptr<ITimerHandleInterface> handle, bool 
 int CHttpFrame::AddUdpReq(std::shared_ptr<IUdpHandleInterface> handle, bool forceAsyn, UdpDoneFunc done,
                           void* userData) {
     if (!handle) return -1;
-    if (!m_Running.load()) {
-        WriteNetLog(LOG_ERROR, "[NETLOOP]Can not add udp req now");
-        return -1;
-    }
+    if (!AcceptsAdd("udp")) return -1;
     return SubmitHandleOper<AsynUdpReq>(OperAddUdp, handle, forceAsyn, std::move(done), userData);
 }
 

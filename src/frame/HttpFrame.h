@@ -169,6 +169,8 @@ private:
     int SubmitHandleOper(AsynOperType type, const std::shared_ptr<Handle>& handle, bool forceAsyn, Done&& done,
                          void* userData);
     int SubmitOper(std::shared_ptr<AsynOperReq> oper, bool forceAsyn);
+    // Adds need a running frame; a refused one is logged with its kind.
+    bool AcceptsAdd(const char* kind) const;
     CURLMcode SocketAction(curl_socket_t socket, int mask);
     // Kept records (CurlBridge.cpp); loop thread, or the release of the loop.
     bool KeepSocketRec(CurlSocketRec* rec);
