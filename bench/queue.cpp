@@ -191,32 +191,9 @@ int main(int argc, char** argv) {
     if (impl != "netloop" && impl != "baseline") return res.Fail("unknown --impl (netloop, baseline)");
     if (producers < 1) return res.Fail("--producers must be at least 1");
 
-    benchmark::internal::Benchmark* run = benchmark::RegisterBenchmark(("queue/" + impl).c_str(),
-                                 [&](benchmark::State& state) {
-                                     double total = 0;
-                                     for (auto _ : state) {
-                                         double s = impl == "netloop" ? RunNetloop(producers, n)
-                                                                      : RunBaseline(producers, n);
-                                         if (s < 0) {
-                                             state.SkipWithError("records did not all arrive in time");
-                                             break;
-                                         }
-                                         state.SetIterationTime(s);
-                                         total += s;
-                                     }
-                                     if (total > 0)
-                                         state.counters["rate"] =
-                                             static_cast<double>(n) * static_cast<double>(state.iterations()) / total;
-                                 });
-    // Whole runs are repeated until they add up to --min-seconds (Google
-    // Benchmark picks the count); 0 makes one run.
-    if (minSeconds > 0) {
-        run->MinTime(minSeconds)->UseManualTime();
-    } else {
-        run->Iterations(1)->UseManualTime();
-    }
-    bench::OneLineReporter reporter(res, "records/s");
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return reporter.ExitCode();
+    return bench::RunRateBenchmark(res, "queue/" + impl, minSeconds, n, "records/s",
+                                   "records did not all arrive in time", [&] {
+                                       return impl == "netloop" ? RunNetloop(producers, n)
+                                                                : RunBaseline(producers, n);
+                                   });
 }

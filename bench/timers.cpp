@@ -247,41 +247,18 @@ int main(int argc, char** argv) {
     }
     if (mode != "rate") return res.Fail("unknown --mode (rate, rss)");
 
-    benchmark::internal::Benchmark* run = benchmark::RegisterBenchmark(("timers/" + impl).c_str(),
-                                 [&](benchmark::State& state) {
-                                     double total = 0;
-                                     for (auto _ : state) {
-                                         double s = -1;
-                                         if (impl == "netloop") {
-                                             NetloopTimers timers;
-                                             if (timers.frame.ok())
-                                                 s = RunRate(timers, timers.fired, timers.closed, n, timeout);
-                                         } else if (impl == "queued") {
-                                             QueuedTimers timers;
-                                             s = RunRate(timers, timers.owner.fired, timers.owner.closed, n, timeout);
-                                         } else {
-                                             s = RunDirect(n);
-                                         }
-                                         if (s < 0) {
-                                             state.SkipWithError("timers did not all fire and close in time");
-                                             break;
-                                         }
-                                         state.SetIterationTime(s);
-                                         total += s;
-                                     }
-                                     if (total > 0)
-                                         state.counters["rate"] =
-                                             static_cast<double>(n) * static_cast<double>(state.iterations()) / total;
-                                 });
-    // Whole runs are repeated until they add up to --min-seconds (Google
-    // Benchmark picks the count); 0 makes one run.
-    if (minSeconds > 0) {
-        run->MinTime(minSeconds)->UseManualTime();
-    } else {
-        run->Iterations(1)->UseManualTime();
-    }
-    bench::OneLineReporter reporter(res, "timers/s");
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return reporter.ExitCode();
+    return bench::RunRateBenchmark(res, "timers/" + impl, minSeconds, n, "timers/s",
+                                   "timers did not all fire and close in time", [&]() -> double {
+                                       if (impl == "netloop") {
+                                           NetloopTimers timers;
+                                           if (!timers.frame.ok()) return -1;
+                                           return RunRate(timers, timers.fired, timers.closed, n, timeout);
+                                       }
+                                       if (impl == "queued") {
+                                           QueuedTimers timers;
+                                           return RunRate(timers, timers.owner.fired, timers.owner.closed, n,
+                                                          timeout);
+                                       }
+                                       return RunDirect(n);
+                                   });
 }
