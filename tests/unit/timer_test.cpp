@@ -11,6 +11,7 @@
 
 #include "frame/HttpFrame.h"
 #include "support/CaptureLogger.h"
+#include "support/EventList.h"
 #include "support/Wait.h"
 #include "timer/TimerHandle.h"
 
@@ -29,7 +30,7 @@ struct Event {
 };
 
 // Records every notice and done function, in order, with its thread.
-class Recorder : public ITimerHandleNotic {
+class Recorder : public ITimerHandleNotic, public testsupport::EventList<Event> {
 public:
     std::function<void(std::shared_ptr<ITimerHandleInterface>)> onTimer;
 
@@ -44,31 +45,7 @@ public:
             Add(what + ":" + std::to_string(rc));
         };
     }
-    void Add(std::string what) {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        m_Events.push_back({std::move(what), sysutil::GetTid(), Clock::now()});
-    }
-    std::vector<Event> Events() {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        return m_Events;
-    }
-    std::vector<std::string> Names() {
-        std::vector<std::string> out;
-        for (auto& e : Events()) out.push_back(e.what);
-        return out;
-    }
-    size_t Count(const std::string& what) {
-        size_t n = 0;
-        for (auto& e : Events()) n += e.what == what;
-        return n;
-    }
-    bool WaitCount(const std::string& what, size_t n, std::chrono::milliseconds timeout = 10s) {
-        return WaitUntil([&] { return Count(what) >= n; }, timeout);
-    }
-
-private:
-    std::mutex m_Mutex;
-    std::vector<Event> m_Events;
+    void Add(std::string what) { Push({std::move(what), sysutil::GetTid(), Clock::now()}); }
 };
 
 std::shared_ptr<IHttpInterface> StartedFrame() {

@@ -16,6 +16,7 @@
 
 #include "frame/HttpFrame.h"
 #include "support/CaptureLogger.h"
+#include "support/EventList.h"
 #include "support/FakeResolver.h"
 #include "support/UdpEchoPeer.h"
 #include "support/Wait.h"
@@ -52,7 +53,7 @@ struct Event {
 
 // Records notices and done functions in order, with thread and user pointer.
 // The hooks run on the notice's thread after the event is recorded.
-class Recorder : public IUdpHandleNotic {
+class Recorder : public IUdpHandleNotic, public testsupport::EventList<Event> {
 public:
     using DataHook = std::function<void(const std::string&)>;
     void SetOnData(DataHook hook, bool keepData = true) {
@@ -67,15 +68,17 @@ public:
     void OnUdpData(const char* data, int64_t size, const char* peerIp, void* userData) override {
         std::string payload(data, static_cast<size_t>(size));
         DataHook hook;
+        bool keep = false;
         {
             std::lock_guard<std::mutex> lock(m_Mutex);
             hook = m_OnData;
+            keep = m_KeepData;
             if (m_KeepData) {
                 m_Data.push_back(payload);
                 m_Peers.emplace_back(peerIp);
-                m_Events.push_back({"data", sysutil::GetTid(), userData});
             }
         }
+        if (keep) Add("data", userData);
         if (hook) hook(payload);
     }
     UdpDoneFunc Done(std::string what, std::function<void(std::shared_ptr<IUdpHandleInterface>)> then = nullptr) {
@@ -84,27 +87,7 @@ public:
             if (then) then(handle);
         };
     }
-    void Add(std::string what, void* userData = nullptr) {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        m_Events.push_back({std::move(what), sysutil::GetTid(), userData});
-    }
-    std::vector<Event> Events() {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        return m_Events;
-    }
-    std::vector<std::string> Names() {
-        std::vector<std::string> out;
-        for (auto& e : Events()) out.push_back(e.what);
-        return out;
-    }
-    size_t Count(const std::string& what) {
-        size_t n = 0;
-        for (auto& e : Events()) n += e.what == what;
-        return n;
-    }
-    bool WaitCount(const std::string& what, size_t n, std::chrono::milliseconds timeout = 10s) {
-        return WaitUntil([&] { return Count(what) >= n; }, timeout);
-    }
+    void Add(std::string what, void* userData = nullptr) { Push({std::move(what), sysutil::GetTid(), userData}); }
     std::vector<std::string> Data() {
         std::lock_guard<std::mutex> lock(m_Mutex);
         return m_Data;
@@ -118,7 +101,6 @@ private:
     std::mutex m_Mutex;
     DataHook m_OnData;
     bool m_KeepData = true;
-    std::vector<Event> m_Events;
     std::vector<std::string> m_Data, m_Peers;
 };
 
