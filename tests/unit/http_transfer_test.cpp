@@ -587,6 +587,42 @@ TEST(CurlBridge, DirectCallsOnAFrameThatDoesNotRun) {
     ::close(fds[0]);
 }
 
+// Transfers one after another from OnFinish, `lanes` at a time, until `total`
+// have finished; counts failures and wrong bodies.
+struct ChainedGets {
+    std::atomic<int> started{0}, finished{0}, failures{0}, wrong{0};
+    std::vector<std::shared_ptr<Notice>> notices;
+
+    void Run(const std::shared_ptr<IHttpInterface>& frame, const std::string& url, int lanes, int total) {
+        std::function<void(int)> launch = [&, total](int lane) {
+            if (started.fetch_add(1) >= total) return;
+            auto handle = IHttpHandleInterface::Create();
+            handle->InitHttpReq(url.c_str(), nullptr, HTTP_REQ_GET, notices[lane], 5000, 20000, nullptr);
+            frame->AddHttpReq(handle, false, nullptr, nullptr);
+        };
+        notices.resize(lanes);
+        for (int lane = 0; lane < lanes; ++lane) {
+            notices[lane] = std::make_shared<Notice>();
+            notices[lane]->onFinish = [&, lane](const std::shared_ptr<IHttpHandleInterface>& h, int result) {
+                if (result != 0) failures.fetch_add(1);
+                if (h->GetResponse() != "hello netloop") wrong.fetch_add(1);
+                frame->DelHttpReq(h, false, nullptr, nullptr);
+                finished.fetch_add(1);
+                launch(lane);
+            };
+        }
+        for (int lane = 0; lane < lanes; ++lane) OnLoop(frame, [&] { launch(lane); });
+        const bool done = WaitUntil([&] { return finished.load() == total; }, 120s);
+        // The notices' lambdas refer to this frame of the stack, and the last
+        // OnFinish may still be on its way out: they go on the loop thread,
+        // behind it.
+        OnLoop(frame, [&] {
+            for (auto& n : notices) n->onFinish = nullptr;
+        });
+        ASSERT_TRUE(done) << finished.load();
+    }
+};
+
 // A server that drops kept-alive connections under libcurl's feet: libcurl
 // notices on reuse, and sockets it has closed itself are removed; the loop
 // must survive all of it.
@@ -594,34 +630,15 @@ TEST(CurlBridge, ServerClosingKeptConnectionsNeverUpsetsTheLoop) {
     HttpTestServer server;
     server.SetCloseEveryNth(2);
     auto frame = StartFrame();
-    const int lanes = 8;
     const int total = Sanitized() ? 400 : 2000;
-    std::atomic<int> started{0}, finished{0}, failures{0}, wrong{0};
-    std::vector<std::shared_ptr<Notice>> notices(lanes);
-    std::function<void(int)> launch = [&](int lane) {
-        if (started.fetch_add(1) >= total) return;
-        auto handle = IHttpHandleInterface::Create();
-        handle->InitHttpReq(server.Url("/fixed").c_str(), nullptr, HTTP_REQ_GET, notices[lane], 5000, 20000, nullptr);
-        frame->AddHttpReq(handle, false, nullptr, nullptr);
-    };
-    for (int lane = 0; lane < lanes; ++lane) {
-        notices[lane] = std::make_shared<Notice>();
-        notices[lane]->onFinish = [&, lane](const std::shared_ptr<IHttpHandleInterface>& h, int result) {
-            if (result != 0) failures.fetch_add(1);
-            if (h->GetResponse() != "hello netloop") wrong.fetch_add(1);
-            frame->DelHttpReq(h, false, nullptr, nullptr);
-            finished.fetch_add(1);
-            launch(lane);  // the next transfer of this lane, from inside OnFinish
-        };
-    }
+    ChainedGets gets;
     auto begin = std::chrono::steady_clock::now();
-    for (int lane = 0; lane < lanes; ++lane) OnLoop(frame, [&] { launch(lane); });
-    ASSERT_TRUE(WaitUntil([&] { return finished.load() == total; }, 60s)) << finished.load();
+    gets.Run(frame, server.Url("/fixed"), 8, total);
     auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begin);
     std::printf("%d transfers against a server closing every 2nd connection: %lld ms, %llu connections\n", total,
                 static_cast<long long>(elapsed.count()), static_cast<unsigned long long>(server.ConnectionCount()));
-    EXPECT_EQ(failures.load(), 0);
-    EXPECT_EQ(wrong.load(), 0);
+    EXPECT_EQ(gets.failures.load(), 0);
+    EXPECT_EQ(gets.wrong.load(), 0);
     EXPECT_GT(server.ConnectionCount(), static_cast<uint64_t>(total / 4));
     StopFrame(frame);
 }
@@ -661,42 +678,6 @@ PollCensus TakePollCensus(const std::shared_ptr<IHttpInterface>& frame, uint16_t
         return walk.census;
     });
 }
-
-// Transfers one after another from OnFinish, `lanes` at a time, until `total`
-// have finished; counts failures and wrong bodies.
-struct ChainedGets {
-    std::atomic<int> started{0}, finished{0}, failures{0}, wrong{0};
-    std::vector<std::shared_ptr<Notice>> notices;
-
-    void Run(const std::shared_ptr<IHttpInterface>& frame, const std::string& url, int lanes, int total) {
-        std::function<void(int)> launch = [&, total](int lane) {
-            if (started.fetch_add(1) >= total) return;
-            auto handle = IHttpHandleInterface::Create();
-            handle->InitHttpReq(url.c_str(), nullptr, HTTP_REQ_GET, notices[lane], 5000, 20000, nullptr);
-            frame->AddHttpReq(handle, false, nullptr, nullptr);
-        };
-        notices.resize(lanes);
-        for (int lane = 0; lane < lanes; ++lane) {
-            notices[lane] = std::make_shared<Notice>();
-            notices[lane]->onFinish = [&, lane](const std::shared_ptr<IHttpHandleInterface>& h, int result) {
-                if (result != 0) failures.fetch_add(1);
-                if (h->GetResponse() != "hello netloop") wrong.fetch_add(1);
-                frame->DelHttpReq(h, false, nullptr, nullptr);
-                finished.fetch_add(1);
-                launch(lane);
-            };
-        }
-        for (int lane = 0; lane < lanes; ++lane) OnLoop(frame, [&] { launch(lane); });
-        const bool done = WaitUntil([&] { return finished.load() == total; }, 120s);
-        // The notices' lambdas refer to this frame of the stack, and the last
-        // OnFinish may still be on its way out: they go on the loop thread,
-        // behind it.
-        OnLoop(frame, [&] {
-            for (auto& n : notices) n->onFinish = nullptr;
-        });
-        ASSERT_TRUE(done) << finished.load();
-    }
-};
 
 // libcurl removes a kept-alive connection's socket after every transfer. Its
 // poll record stays (stopped) and serves the next transfer on the same
