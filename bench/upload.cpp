@@ -120,17 +120,7 @@ double UploadPlain(CURLM* multi, const std::string& url, uint64_t size, double l
     answer.clear();
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, &answer);
     const double t0 = bench::Now();
-    curl_multi_add_handle(multi, easy);
-    CURLcode result = CURLE_AGAIN;
-    for (;;) {
-        int running = 0;
-        curl_multi_perform(multi, &running);
-        int left = 0;
-        while (CURLMsg* msg = curl_multi_info_read(multi, &left))
-            if (msg->msg == CURLMSG_DONE) result = msg->data.result;
-        if (result != CURLE_AGAIN || bench::Now() - t0 > limit) break;
-        curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
-    }
+    CURLcode result = bench::PerformOnMulti(multi, easy, limit);
     const double elapsed = bench::Now() - t0;
     long code = 0;
     curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &code);
