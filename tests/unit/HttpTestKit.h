@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "FrameTestKit.h"
 #include "frame/HttpFrame.h"
 #include "http/HttpHandle.h"
 
@@ -162,22 +163,8 @@ auto OnLoop(const std::shared_ptr<IHttpInterface>& frame, Fn fn) -> decltype(fn(
     return future.get();
 }
 
-inline std::shared_ptr<IHttpInterface> StartFrame(bool share = false, bool pipelining = false) {
-    auto frame = IHttpInterface::Create();
-    EXPECT_EQ(frame->Init(nullptr, pipelining, share, nullptr), 0);
-    EXPECT_EQ(frame->Start(true), 0);
-    return frame;
-}
-
-// Stop from the test thread; a loop that never ends is a failure, not a hang.
-inline void StopFrame(const std::shared_ptr<IHttpInterface>& frame, std::chrono::seconds limit = 30s) {
-    auto stopped = std::async(std::launch::async, [frame] { return frame->Stop(false); });
-    if (stopped.wait_for(limit) != std::future_status::ready) {
-        std::fprintf(stderr, "the frame did not stop within %lld s\n", static_cast<long long>(limit.count()));
-        std::abort();
-    }
-    EXPECT_EQ(stopped.get(), 0);
-}
+using frametest::StartFrame;
+using frametest::StopFrame;
 
 // Deletes a handle through the frame and waits for its done function and the
 // teardown that follows it.

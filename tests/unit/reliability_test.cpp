@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "FrameTestKit.h"
 #include "frame/HttpFrame.h"
 #include "support/CaptureLogger.h"
 #include "support/UdpEchoPeer.h"
@@ -28,14 +29,9 @@ using namespace std::chrono_literals;
 using testsupport::ScopedCaptureLogger;
 using testsupport::WaitUntil;
 
-namespace {
+using frametest::StartFrame;
 
-std::shared_ptr<IHttpInterface> StartedFrame() {
-    auto frame = IHttpInterface::Create();
-    EXPECT_EQ(frame->Init(nullptr, false, false, nullptr), 0);
-    EXPECT_EQ(frame->Start(true), 0);
-    return frame;
-}
+namespace {
 
 // Runs `call` on a thread of its own while the queue is closed under its
 // feet: returns what `call` returned.
@@ -65,7 +61,7 @@ int CallWhileTheFrameStops(const std::shared_ptr<IHttpInterface>& frame, std::fu
 
 TEST(StopRace, TimerStopOrAgainThatMeetsTheStopIsRefusedAndNeverReports) {
     ScopedCaptureLogger log;
-    auto frame = StartedFrame();
+    auto frame = StartFrame();
     std::atomic<int> doneCalls{0};
     std::atomic<int> closes{0};
     auto timer = ITimerHandleInterface::Create(
@@ -95,7 +91,7 @@ TEST(StopRace, TimerStopOrAgainThatMeetsTheStopIsRefusedAndNeverReports) {
 TEST(StopRace, UdpSendThatMeetsTheStopIsRefused) {
     ScopedCaptureLogger log;
     testsupport::UdpEchoPeer peer;
-    auto frame = StartedFrame();
+    auto frame = StartFrame();
     auto udp = IUdpHandleInterface::Create(nullptr, "127.0.0.1", peer.Port(), nullptr);
     std::promise<int> added;
     ASSERT_EQ(frame->AddUdpReq(
@@ -146,7 +142,7 @@ public:
 TEST(StopRace, WsSendAndDisconnectThatMeetTheStopAreRefused) {
     ScopedCaptureLogger log;
     testsupport::WsTestServer server;
-    auto frame = StartedFrame();
+    auto frame = StartFrame();
     auto notice = std::make_shared<WsOpen>();
     auto ws = IHttpHandleInterface::Create();
     ASSERT_EQ(ws->InitHttpReq(server.Url("/echo").c_str(), "ws", HTTP_REQ_WEBSOCKET, notice, 5000, 0, nullptr), 0);
@@ -239,7 +235,7 @@ TEST(WsPending, AConnectionThatNeverGotASocketFailsAsAWebSocket) {
 // refused, not run on the spot as if it came from the loop.
 TEST(LoopThreadId, AThreadThatInheritsTheEndedLoopThreadsIdIsNotTheLoop) {
     ScopedCaptureLogger log;
-    auto frame = StartedFrame();
+    auto frame = StartFrame();
     std::promise<int32_t> loopTid;
     auto timer = ITimerHandleInterface::Create(
         [&](std::shared_ptr<ITimerHandleInterface>, void*) { loopTid.set_value(sysutil::GetTid()); }, nullptr, 0, 0,

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "FrameTestKit.h"
 #include "frame/HttpFrame.h"
 #include "support/CaptureLogger.h"
 #include "support/EventList.h"
@@ -20,6 +21,9 @@ using namespace std::chrono_literals;
 using testsupport::ScopedCaptureLogger;
 using testsupport::WaitUntil;
 using Clock = std::chrono::steady_clock;
+
+using frametest::LoopTid;
+using frametest::StartFrame;
 
 namespace {
 
@@ -48,17 +52,6 @@ public:
     void Add(std::string what) { Push({std::move(what), sysutil::GetTid(), Clock::now()}); }
 };
 
-std::shared_ptr<IHttpInterface> StartedFrame() {
-    auto frame = IHttpInterface::Create();
-    EXPECT_EQ(frame->Init(nullptr, false, false, nullptr), 0);
-    EXPECT_EQ(frame->Start(true), 0);
-    return frame;
-}
-
-int32_t LoopTid(const std::shared_ptr<IHttpInterface>& frame) {
-    return std::static_pointer_cast<CHttpFrame>(frame)->m_Tid.load();
-}
-
 // Adds and waits for the add's done function, as an application must before
 // it stops or re-arms the timer.
 void AddAndWait(const std::shared_ptr<IHttpInterface>& frame, const std::shared_ptr<ITimerHandleInterface>& timer) {
@@ -81,7 +74,7 @@ long Ms(Clock::duration d) { return static_cast<long>(std::chrono::duration_cast
 
 TEST(Timer, ExpiresStopsAndRearmsAsConfigured) {
     ScopedCaptureLogger log;
-    auto frame = StartedFrame();
+    auto frame = StartFrame();
     struct Case {
         const char* name;
         uint64_t timeout, repeat;
@@ -136,7 +129,7 @@ TEST(Timer, ExpiresStopsAndRearmsAsConfigured) {
 }
 
 TEST(Timer, CallsOnTheLoopThreadRunDoneInsideTheCall) {
-    auto frame = StartedFrame();
+    auto frame = StartFrame();
     const int32_t loopTid = LoopTid(frame);
     auto rec = std::make_shared<Recorder>();
     auto timer = ITimerHandleInterface::Create(rec, 0, 50, nullptr);
@@ -172,7 +165,7 @@ TEST(Timer, CallsOnTheLoopThreadRunDoneInsideTheCall) {
 }
 
 TEST(Timer, HandlesLiveUntilClosedAndNoLonger) {
-    auto frame = StartedFrame();
+    auto frame = StartFrame();
     std::weak_ptr<ITimerHandleInterface> dropped, selfCapturing;
     auto rec = std::make_shared<Recorder>();
     {
@@ -215,7 +208,7 @@ TEST(Timer, FunctionsAndTheirCapturesGoAtTheClose) {
         std::function<void()> onGone;
         ~Sentinel() { onGone(); }
     };
-    auto frame = StartedFrame();
+    auto frame = StartFrame();
     std::mutex mutex;
     std::vector<std::string> events;
     auto add = [&](std::string what) {
@@ -276,7 +269,7 @@ TEST(Timer, FunctionsAndTheirCapturesGoAtTheClose) {
 
 TEST(Timer, MisuseAndStoppedFramesAreRefused) {
     ScopedCaptureLogger log;
-    auto frame = StartedFrame();
+    auto frame = StartFrame();
     log->Clear();
     auto rec = std::make_shared<Recorder>();
     auto fresh = ITimerHandleInterface::Create(rec, 0, 0, nullptr);
@@ -327,7 +320,7 @@ TEST(Timer, ManyThreadsChurningTimersCloseEachExactlyOnce) {
     constexpr int kThreads = 4;
     const int perThread = std::getenv("NETLOOP_SANITIZED") ? 2000 : 10000;
     const int total = kThreads * perThread;
-    auto frame = StartedFrame();
+    auto frame = StartFrame();
     std::vector<std::atomic<int>> closes(total), adds(total), dels(total);
     std::vector<std::atomic<bool>> closed(total);
     std::atomic<int> firedAfterClose{0};

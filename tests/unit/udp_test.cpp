@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "FrameTestKit.h"
 #include "frame/HttpFrame.h"
 #include "support/CaptureLogger.h"
 #include "support/EventList.h"
@@ -29,6 +30,9 @@ using testsupport::ScopedCaptureLogger;
 using testsupport::ScopedResolver;
 using testsupport::UdpEchoPeer;
 using testsupport::WaitUntil;
+
+using frametest::LoopTid;
+using frametest::StartFrame;
 
 namespace {
 
@@ -108,17 +112,6 @@ std::shared_ptr<std::vector<uint8_t>> Bytes(const std::string& s) {
     return std::make_shared<std::vector<uint8_t>>(s.begin(), s.end());
 }
 
-std::shared_ptr<IHttpInterface> StartedFrame() {
-    auto frame = IHttpInterface::Create();
-    EXPECT_EQ(frame->Init(nullptr, false, false, nullptr), 0);
-    EXPECT_EQ(frame->Start(true), 0);
-    return frame;
-}
-
-int32_t LoopTid(const std::shared_ptr<IHttpInterface>& frame) {
-    return std::static_pointer_cast<CHttpFrame>(frame)->m_Tid.load();
-}
-
 std::shared_ptr<CUdpHandle> Impl(const std::shared_ptr<IUdpHandleInterface>& handle) {
     return std::static_pointer_cast<CUdpHandle>(handle);
 }
@@ -135,7 +128,7 @@ std::string Peer(const std::string& host, int port) { return "[" + host + ":" + 
 
 TEST(Udp, EchoesWholeDatagramsOverIpv4AndIpv6) {
     ScopedCaptureLogger log;
-    auto frame = StartedFrame();
+    auto frame = StartFrame();
     const int32_t loopTid = LoopTid(frame);
     for (bool ipv6 : {false, true}) {
         UdpEchoPeer peer(PeerOn(ipv6));
@@ -207,7 +200,7 @@ TEST(Udp, EchoesWholeDatagramsOverIpv4AndIpv6) {
 
 TEST(Udp, RefusesWhatTheConnectionCannotTake) {
     ScopedCaptureLogger log;
-    auto frame = StartedFrame();
+    auto frame = StartFrame();
     UdpEchoPeer peer(PeerOn(false));
     auto rec = std::make_shared<Recorder>();
     auto handle = IUdpHandleInterface::Create(rec, "127.0.0.1", peer.Port(), nullptr);
@@ -224,7 +217,7 @@ TEST(Udp, RefusesWhatTheConnectionCannotTake) {
     ASSERT_EQ(frame->AddUdpReq(handle, false, rec->Done("add-again"), nullptr), 0);
     ASSERT_TRUE(rec->WaitCount("add-again:-1", 1));
     // It belongs to its frame: another frame's loop must not touch the socket.
-    auto second = StartedFrame();
+    auto second = StartFrame();
     ASSERT_EQ(second->AddUdpReq(handle, false, rec->Done("add-elsewhere"), nullptr), 0);
     ASSERT_EQ(second->DelUdpReq(handle, false, rec->Done("del-elsewhere"), nullptr), 0);
     ASSERT_TRUE(rec->WaitCount("del-elsewhere:-1", 1));
@@ -315,7 +308,7 @@ private:
 
 TEST(Udp, ConnectFailuresCloseTheSocketAndLeaveTheHandleReusable) {
     ScopedCaptureLogger log;
-    auto frame = StartedFrame();
+    auto frame = StartFrame();
     struct Case {
         const char* host;
         std::string line;
@@ -364,7 +357,7 @@ TEST(Udp, AFailedConnectIsRetriedWithTheAddressAlreadyFound) {
     GTEST_SKIP() << "needs free descriptors for the sanitizer's own checks";
 #endif
     ScopedCaptureLogger log;
-    auto frame = StartedFrame();
+    auto frame = StartFrame();
     auto fake = std::make_shared<FakeResolver>();
     ScopedResolver installed(fake);
     UdpEchoPeer peer(PeerOn(false));
@@ -397,7 +390,7 @@ TEST(Udp, NamesAreLookedUpOnceAndAnsweredAtOnceOrLate) {
     auto fake = std::make_shared<FakeResolver>();
     ScopedResolver installed(fake);
     UdpEchoPeer peer4(PeerOn(false)), peer6(PeerOn(true));
-    auto frame = StartedFrame();
+    auto frame = StartFrame();
     const int32_t loopTid = LoopTid(frame);
     using Script = FakeResolver::Script;
     struct Case {
@@ -502,7 +495,7 @@ TEST(Udp, ManySendersEachDatagramComesBackOnceInOrder) {
     constexpr uint32_t kWindow = 16;  // datagrams in flight per sender, so loopback buffers never overflow
     const uint32_t perThread = std::getenv("NETLOOP_SANITIZED") ? 2500 : 25000;
     UdpEchoPeer peer(PeerOn(false));
-    auto frame = StartedFrame();
+    auto frame = StartFrame();
     std::atomic<uint32_t> back[kThreads] = {};
     std::atomic<int> disorder{0};
     auto rec = std::make_shared<Recorder>();
