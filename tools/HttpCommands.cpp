@@ -364,12 +364,8 @@ int RunBodyCommand(const char* name, int reqType, int argc, char** argv) {
             haveData = true;
         } else if (reqType == netloop::HTTP_REQ_UPLOAD && args.Value("--file", "-f", file, error)) {
         } else if (ReadHttpOption(args, options, error)) {
-        } else if (!args.Peek().empty() && args.Peek()[0] == '-') {
-            error = "unknown option " + args.Next();
-        } else if (url.empty()) {
-            url = args.Next();
         } else {
-            error = "one URL only";
+            ReadOneUrl(args, url, error);
         }
     }
     if (error.empty() && url.empty()) error = "no URL given";

@@ -136,6 +136,16 @@ bool Latch::WaitFor(std::chrono::milliseconds step, const std::function<void()>&
 
 // ---------------------------------------------------------------------------
 
+void ReadOneUrl(ArgReader& args, std::string& url, std::string& error) {
+    if (!args.Peek().empty() && args.Peek()[0] == '-') {
+        error = "unknown option " + args.Next();
+    } else if (url.empty()) {
+        url = args.Next();
+    } else {
+        error = "one URL only";
+    }
+}
+
 bool ReadHttpOption(ArgReader& args, HttpOptions& options, std::string& error) {
     std::string value;
     if (args.Value("--header", "-H", value, error)) {

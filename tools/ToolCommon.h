@@ -101,6 +101,9 @@ struct HttpOptions {
 // Reads one of the common HTTP options at the reader's position; false when the
 // argument is none of them. `error` is set for a malformed value.
 bool ReadHttpOption(ArgReader& args, HttpOptions& options, std::string& error);
+// Takes the next argument as the command's one URL: an unknown option or a
+// second URL sets `error`.
+void ReadOneUrl(ArgReader& args, std::string& url, std::string& error);
 
 // Applies verification and headers to an armed handle.
 bool ApplyHttpOptions(netloop::IHttpHandleInterface& handle, const HttpOptions& options);

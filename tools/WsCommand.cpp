@@ -76,14 +76,7 @@ int RunWs(int argc, char** argv) {
                         "with its type. End of input (Ctrl-D) sends a close frame and exits.\n");
             return 0;
         }
-        if (ReadHttpOption(args, options, error)) {
-        } else if (!args.Peek().empty() && args.Peek()[0] == '-') {
-            error = "unknown option " + args.Next();
-        } else if (url.empty()) {
-            url = args.Next();
-        } else {
-            error = "one URL only";
-        }
+        if (!ReadHttpOption(args, options, error)) ReadOneUrl(args, url, error);
     }
     if (error.empty() && url.empty()) error = "no URL given";
     if (error.empty() && url.rfind("ws://", 0) != 0 && url.rfind("wss://", 0) != 0) error = "the URL must be ws:// or wss://";
