@@ -21,8 +21,8 @@
 #include "common/CurlPlain.h"
 #include "common/NetloopFrame.h"
 #include "netloop/IHttpInterface.h"
-#include "support/NginxServer.h"
-#include "support/TempDir.h"
+#include "loopback/NginxServer.h"
+#include "loopback/TempDir.h"
 
 namespace {
 

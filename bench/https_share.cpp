@@ -15,8 +15,8 @@
 #include "common/BenchUtil.h"
 #include "common/NetloopFrame.h"
 #include "common/NetloopGets.h"
-#include "support/NginxServer.h"
-#include "support/TestTls.h"
+#include "loopback/NginxServer.h"
+#include "loopback/TestTls.h"
 
 int main(int argc, char** argv) {
     bench::Args args(argc, argv);

@@ -27,7 +27,7 @@
 #include "common/NetloopFrame.h"
 #include "common/NetloopGets.h"
 #include "netloop/IHttpInterface.h"
-#include "support/NginxServer.h"
+#include "loopback/NginxServer.h"
 
 namespace {
 

@@ -33,8 +33,8 @@
 #include "common/BenchUtil.h"
 #include "common/NetloopFrame.h"
 #include "netloop/IHttpInterface.h"
-#include "support/TestData.h"
-#include "support/UdpEchoPeer.h"
+#include "loopback/TestData.h"
+#include "loopback/UdpEchoPeer.h"
 
 namespace {
 

@@ -23,8 +23,8 @@
 #include "common/NetloopFrame.h"
 #include "common/SinkServer.h"
 #include "netloop/IHttpInterface.h"
-#include "support/HttpTestServer.h"
-#include "support/TestData.h"
+#include "loopback/HttpTestServer.h"
+#include "loopback/TestData.h"
 
 namespace {
 

@@ -25,8 +25,8 @@
 #include "common/CurlPlain.h"
 #include "common/NetloopFrame.h"
 #include "netloop/IHttpInterface.h"
-#include "support/TestData.h"
-#include "support/WsTestServer.h"
+#include "loopback/TestData.h"
+#include "loopback/WsTestServer.h"
 
 namespace {
 

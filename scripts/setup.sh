@@ -53,7 +53,7 @@ curl_has_ws() {
 
 pkgs=(libuv1-dev libboost-dev libssl-dev googletest libgtest-dev libbenchmark-dev
       nginx-light wrk openssl pkg-config cmake ninja-build g++ make valgrind clang libclang-rt-14-dev
-      python3 gnuplot-nox)
+      python3 python3-websockets socat gnuplot-nox)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

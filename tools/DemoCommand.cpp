@@ -16,11 +16,11 @@
 
 #include "Commands.h"
 #include "ToolCommon.h"
-#include "support/HttpTestServer.h"
-#include "support/TestData.h"
-#include "support/TestTls.h"
-#include "support/UdpEchoPeer.h"
-#include "support/WsTestServer.h"
+#include "loopback/HttpTestServer.h"
+#include "loopback/TestData.h"
+#include "loopback/TestTls.h"
+#include "loopback/UdpEchoPeer.h"
+#include "loopback/WsTestServer.h"
 
 namespace tool {
 namespace {

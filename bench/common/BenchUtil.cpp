@@ -14,8 +14,8 @@
 #include <stdexcept>
 #include <thread>
 
-#include "support/ProcessStats.h"
-#include "support/TestData.h"
+#include "loopback/ProcessStats.h"
+#include "loopback/TestData.h"
 
 namespace bench {
 

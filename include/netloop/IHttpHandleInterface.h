@@ -22,6 +22,7 @@
 #include <list>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "netloop/NetloopExport.h"
@@ -103,6 +104,25 @@ public:
     // level 60 for every other code.
     virtual void OnWsState(std::shared_ptr<IHttpHandleInterface> handle, int state, void* userData) {}
     virtual ~IHttpHandleNotic() {}
+};
+
+// What happened on the wire, read by IHttpHandleInterface::GetTransferInfo after
+// OnFinish. The caller sets `structSize` (the default does); the library writes
+// only the fields that fit in it, so the struct can grow at its end.
+struct HttpTransferInfo {
+    size_t structSize = sizeof(HttpTransferInfo);
+    long httpVersion = 0;         // 10, 11, 20 or 30 for HTTP/1.0, 1.1, 2, 3; 0 when unknown
+    std::string effectiveUrl;     // the last URL used, after redirects
+    std::string remoteIp;         // numeric address of the server (or proxy) last connected to
+    long remotePort = 0;
+    // Microseconds from the start of the transfer to the end of each step.
+    curl_off_t nameLookupUs = 0;  // name resolved
+    curl_off_t connectUs = 0;     // TCP connected
+    curl_off_t tlsUs = 0;         // TLS handshake done (0 without TLS)
+    curl_off_t firstByteUs = 0;   // first response byte about to be read
+    curl_off_t totalUs = 0;       // the whole transfer
+    curl_off_t bytesSent = 0;     // request body bytes sent
+    curl_off_t bytesReceived = 0; // response body bytes received (after decoding)
 };
 
 class NETLOOP_EXPORT IHttpHandleInterface {
@@ -187,6 +207,46 @@ public:
     virtual void GetPostFields(std::string& out) = 0;
     virtual void GetContext(std::shared_ptr<void>& out) = 0;
     virtual void GetHeaders(std::list<std::string>& out) = 0;
+
+    // ---- Added later; new methods go at the end, after these. ----
+
+    // WebSocket handles: the largest incoming message (data or control) this
+    // connection accepts, in bytes; 0 is no limit; default 16 MiB. Before the add.
+    virtual int SetWsMaxMessageSize(size_t bytes) = 0;
+    // WebSocket handles: the most bytes SendWsData may leave waiting to be sent;
+    // default 64 MiB. Before the add.
+    virtual int SetWsMaxSendBuffer(size_t bytes) = 0;
+    // WebSocket handles: the bytes handed to SendWsData that libcurl has not taken
+    // yet. Any thread.
+    virtual size_t GetWsBufferedAmount() = 0;
+
+    // The largest response body kept in memory (no output file); 0 is no limit,
+    // the default. Before the add.
+    virtual int SetMaxResponseSize(curl_off_t bytes) = 0;
+    // libcurl's own words on why the last transfer failed; empty when it said
+    // nothing. Valid after OnFinish or the end of a WebSocket.
+    virtual const std::string& GetErrorText() = 0;
+    // The request method: "HEAD", "DELETE", "PATCH", "OPTIONS" or any token.
+    // After InitHttpReq, before the add.
+    virtual int SetMethod(const char* method) = 0;
+    // Follows up to `maxRedirects` redirects (http and https only); 0 turns
+    // following off, the default. After InitHttpReq, before the add.
+    virtual int SetFollowRedirects(long maxRedirects) = 0;
+    // Asks for every content encoding libcurl supports and decodes the body.
+    // After InitHttpReq, before the add.
+    virtual int EnableCompression(bool enable) = 0;
+    // The last value of response header `name` (any case) of the final response;
+    // false when it has none. After OnFinish.
+    virtual bool GetResponseHeader(const char* name, std::string& value) = 0;
+    // Every value of response header `name` of the final response, in order;
+    // returns their count. After OnFinish.
+    virtual size_t GetResponseHeaderValues(const char* name, std::vector<std::string>& values) = 0;
+    // Every response header in order, of the final response or, with
+    // `allResponses`, of every response (1xx, redirects). After OnFinish.
+    virtual void GetResponseHeaderList(std::vector<std::pair<std::string, std::string>>& out,
+                                       bool allResponses) = 0;
+    // What happened on the wire; see HttpTransferInfo. After OnFinish.
+    virtual int GetTransferInfo(HttpTransferInfo* info) = 0;
 
     virtual ~IHttpHandleInterface();
 

@@ -55,6 +55,18 @@ public:
     void GetPostFields(std::string& out) override;
     void GetContext(std::shared_ptr<void>& out) override;
     void GetHeaders(std::list<std::string>& out) override;
+    int SetWsMaxMessageSize(size_t bytes) override;
+    int SetWsMaxSendBuffer(size_t bytes) override;
+    size_t GetWsBufferedAmount() override;
+    int SetMaxResponseSize(curl_off_t bytes) override;
+    const std::string& GetErrorText() override;
+    int SetMethod(const char* method) override;
+    int SetFollowRedirects(long maxRedirects) override;
+    int EnableCompression(bool enable) override;
+    bool GetResponseHeader(const char* name, std::string& value) override;
+    size_t GetResponseHeaderValues(const char* name, std::vector<std::string>& values) override;
+    void GetResponseHeaderList(std::vector<std::pair<std::string, std::string>>& out, bool allResponses) override;
+    int GetTransferInfo(HttpTransferInfo* info) override;
 
     int DoAsynOper(std::shared_ptr<AsynOperReq> oper, std::shared_ptr<CHttpFrame> frame) override;
     bool CancelAsynOper(std::shared_ptr<AsynOperReq> oper) override;
@@ -170,6 +182,7 @@ private:
     std::string m_FilePath;
     FILE* m_File = nullptr;
     std::string m_Response;
+    std::string m_ErrorText;  // why the last transfer failed, for GetErrorText
     std::list<std::string> m_HeaderList;
     std::string m_PostFields;
     std::shared_ptr<void> m_Context;

@@ -16,11 +16,11 @@
 #include <vector>
 
 #include "netloop/IHttpInterface.h"
-#include "support/HttpTestServer.h"
-#include "support/TestTls.h"
-#include "support/UdpEchoPeer.h"
+#include "loopback/HttpTestServer.h"
+#include "loopback/TestTls.h"
+#include "loopback/UdpEchoPeer.h"
 #include "support/Wait.h"
-#include "support/WsTestServer.h"
+#include "loopback/WsTestServer.h"
 
 using namespace netloop;
 using namespace std::chrono_literals;

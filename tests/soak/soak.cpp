@@ -42,12 +42,12 @@
 #include <vector>
 
 #include "netloop/IHttpInterface.h"
-#include "support/HttpTestServer.h"
-#include "support/ProcessStats.h"
-#include "support/TestTls.h"
-#include "support/UdpEchoPeer.h"
+#include "loopback/HttpTestServer.h"
+#include "loopback/ProcessStats.h"
+#include "loopback/TestTls.h"
+#include "loopback/UdpEchoPeer.h"
 #include "support/Wait.h"
-#include "support/WsTestServer.h"
+#include "loopback/WsTestServer.h"
 #include "sysutil/sysutil.h"
 
 using namespace netloop;

@@ -15,10 +15,10 @@
 #include <string>
 #include <vector>
 
-#include "support/HttpTestServer.h"
-#include "support/TestData.h"
-#include "support/UdpEchoPeer.h"
-#include "support/WsTestServer.h"
+#include "loopback/HttpTestServer.h"
+#include "loopback/TestData.h"
+#include "loopback/UdpEchoPeer.h"
+#include "loopback/WsTestServer.h"
 
 namespace {
 

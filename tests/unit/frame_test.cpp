@@ -12,7 +12,7 @@
 
 #include "frame/HttpFrame.h"
 #include "support/CaptureLogger.h"
-#include "support/ProcessStats.h"
+#include "loopback/ProcessStats.h"
 #include "support/Wait.h"
 
 using namespace netloop;

@@ -11,11 +11,11 @@
 #include "HttpTestKit.h"
 #include "support/CaptureLogger.h"
 #include "support/FakeResolver.h"
-#include "support/HttpTestServer.h"
-#include "support/NginxServer.h"
-#include "support/TempDir.h"
-#include "support/TestData.h"
-#include "support/TestTls.h"
+#include "loopback/HttpTestServer.h"
+#include "loopback/NginxServer.h"
+#include "loopback/TempDir.h"
+#include "loopback/TestData.h"
+#include "loopback/TestTls.h"
 #include "support/Wait.h"
 
 using namespace httptest;

@@ -18,10 +18,10 @@
 #include "frame/CurlSocketRec.h"
 #include "support/CaptureLogger.h"
 #include "support/FakeResolver.h"
-#include "support/HttpTestServer.h"
-#include "support/ProcessStats.h"
-#include "support/TestData.h"
-#include "support/TestTls.h"
+#include "loopback/HttpTestServer.h"
+#include "loopback/ProcessStats.h"
+#include "loopback/TestData.h"
+#include "loopback/TestTls.h"
 #include "support/Wait.h"
 
 using namespace httptest;

@@ -20,8 +20,8 @@
 #include "FrameTestKit.h"
 #include "frame/HttpFrame.h"
 #include "support/CaptureLogger.h"
-#include "support/UdpEchoPeer.h"
-#include "support/WsTestServer.h"
+#include "loopback/UdpEchoPeer.h"
+#include "loopback/WsTestServer.h"
 #include "support/Wait.h"
 
 using namespace netloop;

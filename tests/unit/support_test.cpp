@@ -18,13 +18,13 @@
 #include <thread>
 #include <vector>
 
-#include "support/HttpTestServer.h"
-#include "support/NginxServer.h"
-#include "support/TestData.h"
-#include "support/TestTls.h"
-#include "support/UdpEchoPeer.h"
-#include "support/WsTestServer.h"
-#include "support/detail/RecordLog.h"
+#include "loopback/HttpTestServer.h"
+#include "loopback/NginxServer.h"
+#include "loopback/TestData.h"
+#include "loopback/TestTls.h"
+#include "loopback/UdpEchoPeer.h"
+#include "loopback/WsTestServer.h"
+#include "loopback/detail/RecordLog.h"
 
 namespace {
 

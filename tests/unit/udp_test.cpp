@@ -19,7 +19,7 @@
 #include "support/CaptureLogger.h"
 #include "support/EventList.h"
 #include "support/FakeResolver.h"
-#include "support/UdpEchoPeer.h"
+#include "loopback/UdpEchoPeer.h"
 #include "support/Wait.h"
 #include "udp/UdpHandle.h"
 

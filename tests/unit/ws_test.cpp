@@ -11,10 +11,10 @@
 
 #include "frame/HttpFrame.h"
 #include "support/CaptureLogger.h"
-#include "support/TestData.h"
-#include "support/TestTls.h"
+#include "loopback/TestData.h"
+#include "loopback/TestTls.h"
 #include "support/Wait.h"
-#include "support/WsTestServer.h"
+#include "loopback/WsTestServer.h"
 
 using namespace netloop;
 using namespace std::chrono_literals;

@@ -1,4 +1,4 @@
-#include "support/NginxServer.h"
+#include "loopback/NginxServer.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -19,9 +19,9 @@
 #include <thread>
 #include <vector>
 
-#include "support/TempDir.h"
-#include "support/TestData.h"
-#include "support/TestTls.h"
+#include "loopback/TempDir.h"
+#include "loopback/TestData.h"
+#include "loopback/TestTls.h"
 
 extern char** environ;
 

@@ -1,6 +1,6 @@
 // WebSocket connections over TLS, built apart from the other kind so the two
 // heavy instantiations compile in parallel.
-#include "support/detail/WsSession.h"
+#include "loopback/detail/WsSession.h"
 
 namespace testsupport::detail {
 

@@ -19,8 +19,8 @@
 #include <sstream>
 #include <type_traits>
 
-#include "support/TestData.h"
-#include "support/detail/WsShared.h"
+#include "loopback/TestData.h"
+#include "loopback/detail/WsShared.h"
 
 namespace testsupport::detail {
 

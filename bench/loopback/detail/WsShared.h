@@ -16,8 +16,8 @@
 #include <string>
 #include <vector>
 
-#include "support/WsTestServer.h"
-#include "support/detail/RecordLog.h"
+#include "loopback/WsTestServer.h"
+#include "loopback/detail/RecordLog.h"
 
 namespace testsupport::detail {
 

@@ -1,4 +1,4 @@
-#include "support/detail/AsioServer.h"
+#include "loopback/detail/AsioServer.h"
 
 #include <openssl/ssl.h>
 
@@ -7,7 +7,7 @@
 
 #include <cstring>
 
-#include "support/TestTls.h"
+#include "loopback/TestTls.h"
 
 namespace testsupport::detail {
 

@@ -1,4 +1,4 @@
-#include "support/TempDir.h"
+#include "loopback/TempDir.h"
 
 #include <ftw.h>
 #include <stdio.h>

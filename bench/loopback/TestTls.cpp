@@ -1,4 +1,4 @@
-#include "support/TestTls.h"
+#include "loopback/TestTls.h"
 
 #include <openssl/bn.h>
 #include <openssl/err.h>
@@ -15,7 +15,7 @@
 #include <mutex>
 #include <stdexcept>
 
-#include "support/TempDir.h"
+#include "loopback/TempDir.h"
 
 namespace testsupport {
 

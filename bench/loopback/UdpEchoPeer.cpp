@@ -1,4 +1,4 @@
-#include "support/UdpEchoPeer.h"
+#include "loopback/UdpEchoPeer.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -16,7 +16,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "support/detail/RecordLog.h"
+#include "loopback/detail/RecordLog.h"
 
 namespace testsupport {
 

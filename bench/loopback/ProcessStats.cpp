@@ -1,4 +1,4 @@
-#include "support/ProcessStats.h"
+#include "loopback/ProcessStats.h"
 
 #include <dirent.h>
 

@@ -1,7 +1,7 @@
-#include "support/WsTestServer.h"
+#include "loopback/WsTestServer.h"
 
-#include "support/detail/AsioServer.h"
-#include "support/detail/WsShared.h"
+#include "loopback/detail/AsioServer.h"
+#include "loopback/detail/WsShared.h"
 
 namespace testsupport {
 

@@ -58,7 +58,7 @@
 #include <utility>
 #include <vector>
 
-#include "support/TestData.h"
+#include "loopback/TestData.h"
 
 namespace testsupport {
 

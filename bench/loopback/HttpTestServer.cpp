@@ -1,4 +1,4 @@
-#include "support/HttpTestServer.h"
+#include "loopback/HttpTestServer.h"
 
 #include <linux/sockios.h>
 #include <strings.h>
@@ -21,8 +21,8 @@
 #include <optional>
 #include <type_traits>
 
-#include "support/detail/AsioServer.h"
-#include "support/detail/RecordLog.h"
+#include "loopback/detail/AsioServer.h"
+#include "loopback/detail/RecordLog.h"
 
 namespace testsupport {
 

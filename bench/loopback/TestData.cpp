@@ -1,4 +1,4 @@
-#include "support/TestData.h"
+#include "loopback/TestData.h"
 
 #include <openssl/evp.h>
 
