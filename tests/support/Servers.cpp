@@ -114,12 +114,15 @@ std::string Run(const std::string& command) {
 
 // ---- processes and folders ----
 
-ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::string& logFile) : m_LogFile(logFile) {
+ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::string& logFile,
+                           const std::string& stdinFile)
+    : m_LogFile(logFile) {
     std::vector<char*> args;
     for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
     int out = open(logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (out < 0) throw std::runtime_error("cannot open " + logFile);
+    int in = open(stdinFile.c_str(), O_RDONLY | O_CLOEXEC);
+    if (out < 0 || in < 0) throw std::runtime_error("cannot open " + logFile + " or " + stdinFile);
     pid_t parent = getpid();
     m_Pid = fork();
     if (m_Pid == 0) {
@@ -131,7 +134,6 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::stri
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
         signal(SIGPIPE, SIG_DFL);
-        int in = open("/dev/null", O_RDONLY);
         dup2(in, 0);
         dup2(out, 1);
         dup2(out, 2);
@@ -139,6 +141,7 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::stri
         _exit(127);
     }
     close(out);
+    close(in);
     if (m_Pid < 0) throw std::runtime_error("fork failed for " + argv[0]);
 }
 
@@ -166,6 +169,19 @@ void ChildProcess::Stop() {
         waitpid(m_Pid, nullptr, 0);
         m_Pid = -1;
     }
+}
+
+int ChildProcess::Wait(int seconds) {
+    for (auto deadline = Clock::now() + std::chrono::seconds(seconds); Clock::now() < deadline;) {
+        int status = 0;
+        if (waitpid(m_Pid, &status, WNOHANG) == m_Pid) {
+            m_Pid = -1;
+            return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    Stop();
+    return -1;
 }
 
 std::string ChildProcess::Log() const { return ReadAll(m_LogFile); }
