@@ -53,7 +53,6 @@ TEST(Frame, LifecycleRefusesWhatItsStateForbids) {
     EXPECT_EQ(log->Count("[NETLOOP]netloop::CHttpFrame::OnStop", 0), 2u);
     for (const char* kind : {"http", "udp"}) {
         auto h = IHttpHandleInterface::Create();
-        h->InitHttpReq("http://127.0.0.1:1/", nullptr, HTTP_REQ_GET, nullptr, 0, 0, nullptr);
         auto u = IUdpHandleInterface::Create(nullptr, "127.0.0.1", 9, nullptr);
         EXPECT_EQ(kind[0] == 'h' ? frame->AddHttpReq(h, true, nullptr, nullptr)
                                  : frame->AddUdpReq(u, true, nullptr, nullptr),
