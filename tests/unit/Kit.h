@@ -102,7 +102,12 @@ struct Recorder : IHttpHandleNotic, Locked {
         states.push_back(state);
     }
     ::testing::AssertionResult AwaitMessages(size_t n) {
-        return Await([&] { return Get(&Recorder::messages).size() >= n; }, std::to_string(n) + " message(s)");
+        auto r = Await([&] { return Get(&Recorder::messages).size() >= n; }, std::to_string(n) + " message(s)");
+        if (!r) {
+            r << "; came:";
+            for (const auto& [type, bytes] : Get(&Recorder::messages)) r << " [" << type << "] " << bytes.substr(0, 40);
+        }
+        return r;
     }
     ::testing::AssertionResult AwaitState(int state) {
         return Await([&] { auto s = Get(&Recorder::states); return std::count(s.begin(), s.end(), state) > 0; },

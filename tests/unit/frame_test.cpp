@@ -39,6 +39,7 @@ TEST(Frame, LifecycleRefusesWhatItsStateForbids) {
     for (int round = 1; round <= 2; ++round) {
         EXPECT_EQ(frame->Init(notice, false, round == 2, nullptr), 0) << "round " << round;
         EXPECT_EQ(frame->Init(notice, false, false, nullptr), -1) << "Init of a set-up frame";
+        EXPECT_EQ(frame->Stop(false), -1) << "Stop of a frame not started";
         EXPECT_EQ(frame->Start(false), 0);
         EXPECT_TRUE(frame->WaitRunning(60000));
         EXPECT_EQ(frame->Start(true), 0) << "Start of a started frame";
