@@ -21,24 +21,24 @@ std::mutex g_Mutex;
 std::vector<Outcome> g_Outcomes;
 std::vector<int> g_Order;  // sequence numbers, as DoAsynOper ran them
 
-int NewSeq(bool fromApp) {
+// The record of a new call; the user pointer of its record carries its number.
+void* NewCall(bool fromApp) {
     std::lock_guard<std::mutex> lock(g_Mutex);
     g_Outcomes.push_back({});
     g_Outcomes.back().fromApp = fromApp;
-    return static_cast<int>(g_Outcomes.size()) - 1;
+    return reinterpret_cast<void*>(g_Outcomes.size() - 1);
 }
-void* Ptr(int seq) { return reinterpret_cast<void*>(static_cast<intptr_t>(seq)); }
-int Seq(void* p) { return static_cast<int>(reinterpret_cast<intptr_t>(p)); }
+Outcome& Of(void* p) { return g_Outcomes[reinterpret_cast<size_t>(p)]; }
 TimerDoneFunc Done() {
     return [](std::shared_ptr<ITimerHandleInterface>, void* p, int rc) {
         std::lock_guard<std::mutex> lock(g_Mutex);
-        ++g_Outcomes[Seq(p)].calls;
-        g_Outcomes[Seq(p)].result = rc;
+        ++Of(p).calls;
+        Of(p).result = rc;
     };
 }
-void Accepted(int seq, bool accepted) {
+void Accepted(void* p, bool accepted) {
     std::lock_guard<std::mutex> lock(g_Mutex);
-    g_Outcomes[seq].accepted = accepted;
+    Of(p).accepted = accepted;
 }
 
 // Executes records by calling their done function, then an optional step.
@@ -49,8 +49,8 @@ struct FuzzOper : ITimerHandleInterface, IAsynOperInterface, std::enable_shared_
     int DoAsynOper(std::shared_ptr<AsynOperReq> oper, std::shared_ptr<CHttpFrame>) override {
         {
             std::lock_guard<std::mutex> lock(g_Mutex);
-            g_Outcomes[Seq(oper->m_UserData)].executed = true;
-            g_Order.push_back(Seq(oper->m_UserData));
+            Of(oper->m_UserData).executed = true;
+            g_Order.push_back(static_cast<int>(reinterpret_cast<size_t>(oper->m_UserData)));
         }
         auto* rec = static_cast<AsynTimerReq*>(oper.get());
         if (rec->m_Done) rec->m_Done(shared_from_this(), oper->m_UserData, 0);
@@ -67,28 +67,23 @@ struct FuzzOper : ITimerHandleInterface, IAsynOperInterface, std::enable_shared_
 
 void Call(CHttpFrame& frame, const std::shared_ptr<FuzzOper>& oper, uint8_t op, bool fromLoop) {
     const bool forceAsyn = op & 0x10;
-    const int seq = (op & 3) == 3 ? -1 : NewSeq(!fromLoop);
-    switch (op & 3) {
-        case 0:
-            Accepted(seq, frame.AddTimerReq(oper, forceAsyn, Done(), Ptr(seq)) == 0 && (forceAsyn || !fromLoop));
-            break;
-        case 1:
-            Accepted(seq, frame.DelTimerReq(oper, forceAsyn, Done(), Ptr(seq)) == 0 && (forceAsyn || !fromLoop));
-            break;
-        case 2: {
-            auto rec = std::make_shared<AsynTimerReq>();
-            rec->m_Type = OperStopTimer;
-            rec->m_Oper = oper;
-            rec->m_UserData = Ptr(seq);
-            rec->m_Done = Done();
-            // Only a post from the loop thread itself cannot race a stop.
-            bool running = frame.m_Running.load();
-            frame.PostAsynOper(rec);
-            Accepted(seq, running && fromLoop);
-            break;
-        }
-        default:
-            if (fromLoop) frame.Stop(forceAsyn);  // Stop has one caller at a time
+    if ((op & 3) == 3) {
+        if (fromLoop) frame.Stop(forceAsyn);  // Stop has one caller at a time
+        return;
+    }
+    void* call = NewCall(!fromLoop);
+    const bool queued = forceAsyn || !fromLoop;  // an inline call answers before it returns
+    if ((op & 3) == 0) Accepted(call, frame.AddTimerReq(oper, forceAsyn, Done(), call) == 0 && queued);
+    if ((op & 3) == 1) Accepted(call, frame.DelTimerReq(oper, forceAsyn, Done(), call) == 0 && queued);
+    if ((op & 3) == 2) {
+        auto rec = std::make_shared<AsynTimerReq>();
+        rec->m_Type = OperStopTimer;
+        rec->m_Oper = oper;
+        rec->m_UserData = call;
+        rec->m_Done = Done();
+        const bool running = frame.m_Running.load();  // only a post from the loop itself cannot race a stop
+        frame.PostAsynOper(rec);
+        Accepted(call, running && fromLoop);
     }
 }
 
@@ -121,13 +116,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             Call(frame, oper, op, true);
             Call(frame, oper, next, true);
         };
-        int seq = NewSeq(true);
-        Accepted(seq, frame.DelTimerReq(gate, false, Done(), Ptr(seq)) == 0);
+        void* call = NewCall(true);
+        Accepted(call, frame.DelTimerReq(gate, false, Done(), call) == 0);
     }
     // Let every gate run (a stop may be in one), then stop from here.
     std::atomic<bool> drained{false};
-    int seq = NewSeq(false);
-    if (frame.DelTimerReq(std::make_shared<FuzzOper>(), false, [&](auto, void*, int) { drained = true; }, Ptr(seq)) == 0)
+    if (frame.DelTimerReq(std::make_shared<FuzzOper>(), false, [&](auto, void*, int) { drained = true; }, NewCall(false)) == 0)
         while (!drained && frame.m_Running) std::this_thread::yield();
     frame.Stop(false);
     while (frame.m_State.load() != FrameIdle) std::this_thread::yield();
