@@ -12,10 +12,7 @@ using namespace netloop;
 
 namespace {
 
-struct Outcome {
-    int calls = 0, result = 0;
-    bool accepted = false, executed = false, fromApp = false;
-};
+struct Outcome { int calls = 0, result = 0; bool accepted = false, executed = false, fromApp = false; };
 
 std::mutex g_Mutex;
 std::vector<Outcome> g_Outcomes;

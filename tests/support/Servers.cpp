@@ -1,6 +1,7 @@
 #include "support/Servers.h"
 
 #include <arpa/inet.h>
+#include <netdb.h>
 #include <fcntl.h>
 #include <ftw.h>
 #include <poll.h>
@@ -40,30 +41,23 @@ void WriteAll(const std::string& path, const std::string& content) {
     if (!(out << content).flush()) throw std::runtime_error("cannot write " + path);
 }
 
-// A socket of `type` on `host`:`port`, bound (port 0: any) or connected.
+// A socket of `type` bound to (port 0: any free port) or connected to host:port.
 int Socket(const std::string& host, uint16_t port, int type, bool connectIt, uint16_t* boundPort = nullptr) {
-    sockaddr_storage s{};
-    socklen_t len = sizeof(sockaddr_in);
-    auto* a4 = reinterpret_cast<sockaddr_in*>(&s);
-    auto* a6 = reinterpret_cast<sockaddr_in6*>(&s);
-    if (host.find(':') != std::string::npos) {
-        a6->sin6_family = AF_INET6;
-        a6->sin6_port = htons(port);
-        inet_pton(AF_INET6, host.c_str(), &a6->sin6_addr);
-        len = sizeof *a6;
-    } else {
-        a4->sin_family = AF_INET;
-        a4->sin_port = htons(port);
-        inet_pton(AF_INET, host.c_str(), &a4->sin_addr);
+    addrinfo hints{}, *ai = nullptr;
+    hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
+    hints.ai_socktype = type;
+    if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &ai) != 0) return -1;
+    int fd = socket(ai->ai_family, type | SOCK_CLOEXEC, 0);
+    if (fd >= 0 && (connectIt ? connect(fd, ai->ai_addr, ai->ai_addrlen) : bind(fd, ai->ai_addr, ai->ai_addrlen)) == 0) {
+        sockaddr_in6 a{};  // the port has the same place in both families
+        socklen_t len = sizeof a;
+        if (boundPort && getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0) *boundPort = ntohs(a.sin6_port);
+    } else if (fd >= 0) {
+        close(fd);
+        fd = -1;
     }
-    int fd = socket(s.ss_family, type | SOCK_CLOEXEC, 0);
-    auto* sa = reinterpret_cast<sockaddr*>(&s);
-    if (fd >= 0 && (connectIt ? connect(fd, sa, len) : bind(fd, sa, len)) == 0) {
-        if (boundPort && getsockname(fd, sa, &len) == 0) *boundPort = ntohs(a4->sin_port);  // same offset in both
-        return fd;
-    }
-    if (fd >= 0) close(fd);
-    return -1;
+    freeaddrinfo(ai);
+    return fd;
 }
 
 // A TCP connect succeeds, or a UDP probe comes back.
@@ -222,8 +216,6 @@ std::string Pattern(size_t size) {
 
 // ---- nginx ----
 
-const std::vector<int> Nginx::kStatusCodes = {200, 201, 204, 400, 401, 403, 404, 409, 429, 500, 502, 503};
-
 std::string Nginx::Config() const {
     const TestCaFiles& tls = TestCa();
     const std::string d = m_Dir.Path();
@@ -236,14 +228,13 @@ std::string Nginx::Config() const {
     for (const char* temp : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"})
         c << "  " << temp << "_temp_path " << d << "/" << temp << ";\n";
     c << "  server {\n";
-    for (const char* h : {"127.0.0.1", "[::1]"})
-        if (m_Options.listen == Loopback::Both || (m_Options.listen == Loopback::V6) == (h[0] == '['))
-            c << "    listen " << h << ":" << m_HttpPort << ";\n    listen " << h << ":" << m_TlsPort << " ssl http2;\n";
+    const std::string h = UrlHost(HostOf(m_Options.listen));
+    c << "    listen " << h << ":" << m_HttpPort << ";\n    listen " << h << ":" << m_TlsPort << " ssl http2;\n";
     c << "    ssl_certificate " << tls.certFile << ";\n    ssl_certificate_key " << tls.keyFile << ";\n"
       << "    ssl_protocols TLSv1.2 TLSv1.3;\n    root " << d << "/www;\n    location / { }\n"
       << "    location /dav/ { dav_methods PUT DELETE; create_full_put_path on; }\n"
       << "    location /slow/ { limit_rate 2k; }\n    location = /redirect { return 302 /status/200; }\n";
-    for (int code : kStatusCodes)
+    for (int code : {200, 201, 204, 400, 401, 403, 404, 409, 429, 500, 502, 503})
         c << "    location = /status/" << code << " { default_type text/plain; return " << code << " \"status "
           << code << "\\n\"; }\n";
     c << m_Options.extraLocations << "\n  }\n}\n";

@@ -38,8 +38,8 @@ struct Frame {
     IHttpInterface* operator->() const { return f.get(); }
     int Stop() {
         auto stopped = std::async(std::launch::async, [f = f] { return f->Stop(false); });
-        if (stopped.wait_for(std::chrono::seconds(60)) == std::future_status::ready) return stopped.get();
-        ADD_FAILURE() << "the frame did not stop within 60 s";
+        if (stopped.wait_for(WaitLimit()) == std::future_status::ready) return stopped.get();
+        ADD_FAILURE() << "the frame did not stop within " << WaitLimit().count() << " s";
         std::abort();
     }
 };
@@ -81,10 +81,7 @@ struct Recorder : IHttpHandleNotic, Locked {
     curl_off_t lastDlNow = 0;
     std::function<size_t(char*, size_t)> upload;
 
-    void OnWsData(const char* data, size_t length, int type, void*) override {
-        std::lock_guard<std::mutex> lock(m);
-        messages.emplace_back(type, std::string(data, length));
-    }
+    void OnWsData(const char* data, size_t length, int type, void*) override { std::lock_guard<std::mutex> l(m); messages.emplace_back(type, std::string(data, length)); }
     void OnProgress(const char*, const char*, curl_off_t, curl_off_t dlnow, curl_off_t, curl_off_t, void*) override {
         std::lock_guard<std::mutex> lock(m);
         ++progress;
@@ -93,14 +90,8 @@ struct Recorder : IHttpHandleNotic, Locked {
     size_t OnUploadRead(std::shared_ptr<IHttpHandleInterface>, char* buf, size_t size, size_t n, void*) override {
         return upload ? upload(buf, size * n) : 0;
     }
-    void OnFinish(std::shared_ptr<IHttpHandleInterface>, int result, void*) override {
-        std::lock_guard<std::mutex> lock(m);
-        finishes.push_back(result);
-    }
-    void OnWsState(std::shared_ptr<IHttpHandleInterface>, int state, void*) override {
-        std::lock_guard<std::mutex> lock(m);
-        states.push_back(state);
-    }
+    void OnFinish(std::shared_ptr<IHttpHandleInterface>, int result, void*) override { std::lock_guard<std::mutex> l(m); finishes.push_back(result); }
+    void OnWsState(std::shared_ptr<IHttpHandleInterface>, int state, void*) override { std::lock_guard<std::mutex> l(m); states.push_back(state); }
     ::testing::AssertionResult AwaitMessages(size_t n) {
         auto r = Await([&] { return Get(&Recorder::messages).size() >= n; }, std::to_string(n) + " message(s)");
         if (!r) {

@@ -123,10 +123,7 @@ struct TimerNotice : ITimerHandleNotic {
 TEST(Timer, ExpiresStopsRearmsAndClosesLast) {
     ScopedCaptureLogger log;
     Frame frame;
-    struct Case {
-        uint64_t repeat;
-        bool stop, again;
-    };
+    struct Case { uint64_t repeat; bool stop, again; };
     std::shared_ptr<ITimerHandleInterface> last;
     for (Case c : {Case{0, false, false}, Case{1, true, false}, Case{1, true, true}}) {
         SCOPED_TRACE("repeat " + std::to_string(c.repeat) + (c.stop ? " stop" : "") + (c.again ? " again" : ""));

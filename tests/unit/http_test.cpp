@@ -36,14 +36,8 @@ TEST(Http, OutcomesReachOnFinishAndTheLog) {
     Nginx v6({Loopback::V6});
     v6.WriteFile("/six", "over ::1\n");
     const std::string ca = TestCa().caFile;
-    struct Case {
-        std::string url;
-        const char* ca;  // "" leaves libcurl's own store, null turns verification off
-        int timeoutMs;
-        int result;
-        long status;
-        std::string body, logPart;
-    };
+    // ca: "" leaves libcurl's own store, null turns verification off.
+    struct Case { std::string url; const char* ca; int timeoutMs; int result; long status; std::string body, logPart; };
     const Case cases[] = {
         {Server().Url("/file.txt"), "", 0, 0, 200, "file body\n", " DONE result[0:No error]"},
         {Server().Url("/status/404"), "", 0, 0, 404, "status 404\n", " DONE result[0:"},

@@ -8,10 +8,7 @@ using namespace kit;
 struct UdpRecorder : IUdpHandleNotic, Locked {
     std::vector<int> states;
     std::vector<std::string> data, peers;
-    void OnUdpState(std::shared_ptr<IUdpHandleInterface>, int status, void*) override {
-        std::lock_guard<std::mutex> lock(m);
-        states.push_back(status);
-    }
+    void OnUdpState(std::shared_ptr<IUdpHandleInterface>, int status, void*) override { std::lock_guard<std::mutex> l(m); states.push_back(status); }
     void OnUdpData(const char* d, int64_t size, const char* peerIp, void*) override {
         std::lock_guard<std::mutex> lock(m);
         data.emplace_back(d, size);
@@ -24,11 +21,7 @@ TEST(Udp, EchoOverBothFamiliesAndNames) {
     Frame frame;
     UdpEcho v4, v6(Loopback::V6);
     auto scripted = std::make_shared<ScriptedResolver>(0, "127.0.0.1", false);
-    struct Case {
-        std::string host, peer;
-        uint16_t port;
-        bool scriptedName;
-    };
+    struct Case { std::string host, peer; uint16_t port; bool scriptedName; };
     for (const Case& c : {Case{"127.0.0.1", "127.0.0.1", v4.Port(), false}, Case{"::1", "::1", v6.Port(), false},
                           Case{"echo.test", "127.0.0.1", v4.Port(), true}}) {
         SCOPED_TRACE(c.host);
@@ -119,10 +112,7 @@ TEST(Udp, FailedNameAndStoppedFrame) {
 
 // What the library relies on of the resolver.
 TEST(Platform, ResolverLiterals) {
-    struct Literal {
-        const char* text;
-        bool v4, v6;
-    };
+    struct Literal { const char* text; bool v4, v6; };
     for (Literal l : {Literal{"127.0.0.1", true, false}, Literal{"::1", false, true},
                       Literal{"256.0.0.1", false, false}, Literal{"localhost", false, false}, Literal{"[::1]", false, false},
                       Literal{"", false, false}}) {

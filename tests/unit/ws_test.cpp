@@ -21,14 +21,9 @@ TEST(WebSocket, ServerBehaviours) {
     ScopedCaptureLogger log;
     Frame frame;
     const std::string big = Pattern(700000);
-    struct Case {
-        std::string url;
-        std::vector<std::pair<int, std::string>> send;  // sent right after the add
-        std::vector<std::pair<int, std::string>> want;  // messages, in order
-        int endState;                                   // 1: still open
-        std::string logLine;
-        int level;
-    };
+    // Sent right after the add; the messages wanted, in order; the end state (1: still open); a log line.
+    using Messages = std::vector<std::pair<int, std::string>>;
+    struct Case { std::string url; Messages send, want; int endState; std::string logLine; int level; };
     const std::string wss = Ws().TlsUrl("/echo");
     const Case cases[] = {
         {Ws().Url("/echo"), {{1, "hello"}, {2, std::string("\0bin\xff", 5)}, {2, big}, {1, "after"}},
