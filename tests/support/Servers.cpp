@@ -27,13 +27,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 const char* const kPython = "/usr/bin/python3";
 
-std::string ReadAll(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
-
 void WriteAll(const std::string& path, const std::string& content) {
     for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1))
         mkdir(path.substr(0, slash).c_str(), 0755);
@@ -87,6 +80,13 @@ std::unique_ptr<ChildProcess> Python(const char* script, const std::string& host
 
 }  // namespace
 
+std::string ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
 uint16_t FreePort(const std::string& host, int type) {
     uint16_t port = 0;
     int fd = Socket(host, 0, type, false, &port);
@@ -115,14 +115,11 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::stri
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
         signal(SIGPIPE, SIG_DFL);
-        dup2(in, 0);
-        dup2(out, 1);
-        dup2(out, 2);
+        dup2(in, 0), dup2(out, 1), dup2(out, 2);
         execve(args[0], args.data(), environ);
         _exit(127);
     }
-    close(out);
-    close(in);
+    close(out), close(in);
     if (m_Pid < 0) throw std::runtime_error("fork failed for " + argv[0]);
 }
 
@@ -139,28 +136,24 @@ bool ChildProcess::Exited(int* status) {
 
 void ChildProcess::Stop() {
     if (m_Pid <= 0) return;
-    kill(-m_Pid, SIGTERM);
-    kill(m_Pid, SIGTERM);
+    kill(-m_Pid, SIGTERM), kill(m_Pid, SIGTERM);
     for (auto end = Clock::now() + std::chrono::seconds(5); !Exited() && Clock::now() < end;)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     if (m_Pid <= 0) return;
-    kill(-m_Pid, SIGKILL);
-    kill(m_Pid, SIGKILL);
+    kill(-m_Pid, SIGKILL), kill(m_Pid, SIGKILL);
     waitpid(m_Pid, nullptr, 0);
     m_Pid = -1;
 }
 
 int ChildProcess::Wait(int seconds) {
     int status = -1;
-    for (auto end = Clock::now() + std::chrono::seconds(seconds); Clock::now() < end;) {
-        if (Exited(&status)) return status;
+    for (auto end = Clock::now() + std::chrono::seconds(seconds); !Exited(&status) && Clock::now() < end;)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    Stop();
-    return -1;
+    Stop();  // nothing left to stop when it exited
+    return status;
 }
 
-std::string ChildProcess::Log() const { return ReadAll(m_LogFile); }
+std::string ChildProcess::Log() const { return ReadFile(m_LogFile); }
 
 uint16_t ChildProcess::WaitForPort(const std::string& key) {
     for (auto end = Clock::now() + std::chrono::seconds(30); Clock::now() < end;) {
@@ -204,13 +197,8 @@ const TestCaFiles& TestCa() {
 
 std::string Pattern(size_t size) {
     std::string s(size, '\0');
-    uint32_t x = 2463534242u;  // xorshift: no period a shift or a cut could hide
-    for (char& c : s) {
-        x ^= x << 13;
-        x ^= x >> 17;
-        x ^= x << 5;
-        c = static_cast<char>('a' + x % 26);
-    }
+    uint64_t x = 88172645463325252u;  // xorshift: no period a shift or a cut could hide
+    for (char& c : s) x ^= x << 13, x ^= x >> 7, x ^= x << 17, c = static_cast<char>('a' + x % 26);
     return s;
 }
 
@@ -277,11 +265,11 @@ std::string Nginx::WriteFile(const std::string& name, const std::string& content
 }
 
 std::string Nginx::CreateFile(const std::string& name, size_t size) { return WriteFile(name, Pattern(size)); }
-std::string Nginx::ErrorLog() const { return ReadAll(m_Dir.Path() + "/error.log"); }
+std::string Nginx::ErrorLog() const { return ReadFile(m_Dir.Path() + "/error.log"); }
 
 std::vector<std::string> Nginx::AccessLog() const {
     std::vector<std::string> lines;
-    std::istringstream in(ReadAll(m_Dir.Path() + "/access.log"));
+    std::istringstream in(ReadFile(m_Dir.Path() + "/access.log"));
     for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
 }

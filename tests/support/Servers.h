@@ -40,6 +40,8 @@ const TestCaFiles& TestCa();
 // also a port nobody listens on, for refused connections.
 uint16_t FreePort(const std::string& host = "127.0.0.1", int type = 1 /* SOCK_STREAM */);
 
+std::string ReadFile(const std::string& path);  // the whole file, "" when unreadable
+
 // `size` bytes of a fixed pattern that no shift or cut maps onto itself.
 std::string Pattern(size_t size);
 

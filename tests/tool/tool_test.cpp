@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <sstream>
 
 #include "support/Servers.h"
 
@@ -23,13 +22,6 @@ ToolRun Tool(const std::vector<std::string>& args, const std::string& input = ""
     ChildProcess tool(argv, dir.Path() + "/out", dir.Path() + "/in");
     int exit = tool.Wait(120);
     return {exit, tool.Log()};
-}
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
 }
 
 TEST(Tool, HttpCommands) {

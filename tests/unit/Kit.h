@@ -5,11 +5,8 @@
 #include <gtest/gtest.h>
 #include <netdb.h>
 
-#include <algorithm>
 #include <climits>
 #include <future>
-#include <mutex>
-#include <thread>
 
 #include "hostseek/IHostseekInterface.h"
 #include "netloop/IHttpHandleInterface.h"
@@ -44,8 +41,7 @@ struct Frame {
     }
 };
 
-// Guards the members of a recorder that the loop thread writes.
-struct Locked {
+struct Locked {  // guards what the loop thread writes
     mutable std::mutex m;
     template <typename T, typename C>
     T Get(T C::*field) const {
@@ -67,7 +63,6 @@ struct Done {
         };
     }
     std::vector<int> Results() const { return s->Get(&State::results); }
-    // The first result, waited for; INT_MIN (and a failure) when none came.
     int Result(const std::string& what = "the done function") const {
         EXPECT_TRUE(Await([&] { return !Results().empty(); }, what));
         return Results().empty() ? INT_MIN : Results()[0];
@@ -106,15 +101,13 @@ struct Recorder : IHttpHandleNotic, Locked {
     }
 };
 
-// An armed handle of `type` for `url` with its recorder.
-struct Transfer {
+struct Transfer {  // an armed handle with its recorder
     std::shared_ptr<Recorder> rec = std::make_shared<Recorder>();
     std::shared_ptr<IHttpHandleInterface> h = IHttpHandleInterface::Create();
     explicit Transfer(const std::string& url, int type = HTTP_REQ_GET, int timeoutMs = 0) {
         EXPECT_EQ(h->InitHttpReq(url.c_str(), "tag", type, rec, 0, timeoutMs, nullptr), 0) << url;
     }
     IHttpHandleInterface* operator->() const { return h.get(); }
-    // Adds and returns what OnFinish said; the handle stays armed.
     int Run(Frame& frame) {
         EXPECT_EQ(frame->AddHttpReq(h, true, nullptr, nullptr), 0);
         if (!Await([&] { return !rec->Get(&Recorder::finishes).empty(); }, "OnFinish")) return INT_MIN;

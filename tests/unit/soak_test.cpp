@@ -7,7 +7,7 @@
 // end no handle, notice or frame is alive and descriptors and threads are back
 // where the first round left them. NETLOOP_SOAK_SECONDS sets its length
 // (default 10); scripts/soak runs it long.
-#include <dirent.h>
+#include <filesystem>
 
 #include <random>
 
@@ -26,12 +26,9 @@ struct Counts : ITimerHandleNotic, IUdpHandleNotic {
 };
 
 size_t Entries(const char* dir) {
-    size_t n = 0;
-    if (DIR* d = opendir(dir)) {
-        while (readdir(d)) ++n;
-        closedir(d);
-    }
-    return n;
+    std::error_code ec;
+    auto it = std::filesystem::directory_iterator(dir, ec);
+    return ec ? 0 : std::distance(it, {});
 }
 
 TEST(Soak, RandomOperationsFaultsAndStops) {
@@ -44,10 +41,9 @@ TEST(Soak, RandomOperationsFaultsAndStops) {
     UdpEcho udp;
     nginx.CreateFile("/body", 100000);
     nginx.CreateFile("/slow/body", 20000);
-    const std::vector<std::string> urls = {nginx.Url("/body"), nginx.Url("/status/500"), nginx.TlsUrl("/body"),
-                                           nginx.Url("/slow/body"), faults.Url("/reset"), faults.Url("/silent"),
-                                           "http://127.0.0.1:" + std::to_string(FreePort()) + "/",
-                                           ws.Url("/echo"), ws.Url("/drop")};
+    const std::string urls[] = {nginx.Url("/body"), nginx.Url("/status/500"), nginx.TlsUrl("/body"), nginx.Url("/slow/body"),
+                                faults.Url("/reset"), faults.Url("/silent"), ws.Url("/echo"), ws.Url("/drop"),
+                                "http://127.0.0.1:" + std::to_string(FreePort()) + "/"};
     std::mutex m;
     std::vector<std::weak_ptr<void>> alive;
     auto track = [&](std::shared_ptr<void> p) {
@@ -67,7 +63,7 @@ TEST(Soak, RandomOperationsFaultsAndStops) {
                 track(counts);
                 Done added, deleted;
                 if (rng() % 2) {  // HTTP or WebSocket, deleted at once, after a moment or after its end
-                    const std::string& url = urls[rng() % urls.size()];
+                    const std::string& url = urls[rng() % std::size(urls)];
                     const bool isWs = url.rfind("ws", 0) == 0;
                     Transfer t(url, isWs ? HTTP_REQ_WEBSOCKET : HTTP_REQ_GET, 3000);
                     track(t.h), track(t.rec);
@@ -96,16 +92,13 @@ TEST(Soak, RandomOperationsFaultsAndStops) {
                     auto u = IUdpHandleInterface::Create(counts, udp.Host().c_str(), udp.Port(), nullptr);
                     track(u);
                     if (frame->AddUdpReq(u, true, added.Fn(), nullptr) != 0) continue;
-                    EXPECT_EQ(added.Result("the UDP add"), 0);
                     for (int i = 0; i < 5; ++i) u->SendUdpData(Bytes("datagram"));
                     frame->DelUdpReq(u, true, deleted.Fn(), nullptr);
                     EXPECT_EQ(deleted.Result("the UDP delete"), 0);
                     EXPECT_TRUE(Await([&] { return counts->udpStates == 2; }, "OnUdpState OK, then CLOSED"));
                 }
-                EXPECT_EQ(added.Result("the add"), 0);
-                EXPECT_EQ(added.Results().size(), 1u);
-                EXPECT_LE(deleted.Results().size(), 1u);
-                EXPECT_LE(counts->closes, 1);
+                EXPECT_EQ(added.Results(), std::vector<int>{0}) << "the add's done function, once";
+                EXPECT_LE(deleted.Results().size() + counts->closes, 2u) << "a done function or OnClose twice";
                 ++ops;
             }
         };
@@ -137,7 +130,7 @@ TEST(Soak, RandomOperationsFaultsAndStops) {
         for (auto& list : answers)
             for (Done& once : list) EXPECT_EQ(once.Results().size(), 1u) << "an add racing the stop";
         if (round == 0) fds = Entries("/proc/self/fd"), tasks = Entries("/proc/self/task");
-        if (HasFailure()) break;
+        if (HasFailure()) break;  // what follows a broken promise would only wait
     }
     auto count = [&] {
         std::lock_guard<std::mutex> lock(m);
