@@ -276,19 +276,21 @@ std::vector<std::string> Nginx::AccessLog() const {
 
 // ---- python servers and socat ----
 
-WsServer::WsServer(Loopback host)
-    : m_Host(HostOf(host)),
-      m_Process(Python("ws_server.py", m_Host, m_Dir, {"--cert", TestCa().certFile, "--key", TestCa().keyFile})),
-      m_Port(m_Process->WaitForPort("ws")),
-      m_TlsPort(m_Process->WaitForPort("wss")) {}
+WsServer::WsServer(Loopback host) : LoopbackServer(host) {
+    m_Process = Python("ws_server.py", m_Host, m_Dir, {"--cert", TestCa().certFile, "--key", TestCa().keyFile});
+    m_Port = m_Process->WaitForPort("ws");
+    m_TlsPort = m_Process->WaitForPort("wss");
+}
 std::string WsServer::Url(const std::string& path) const { return MakeUrl("ws", m_Host, m_Port, path); }
 std::string WsServer::TlsUrl(const std::string& path) const { return MakeUrl("wss", m_Host, m_TlsPort, path); }
 
-Faults::Faults(Loopback host)
-    : m_Host(HostOf(host)), m_Process(Python("faults.py", m_Host, m_Dir)), m_Port(m_Process->WaitForPort("http")) {}
+Faults::Faults(Loopback host) : LoopbackServer(host) {
+    m_Process = Python("faults.py", m_Host, m_Dir);
+    m_Port = m_Process->WaitForPort("http");
+}
 std::string Faults::Url(const std::string& path) const { return MakeUrl("http", m_Host, m_Port, path); }
 
-UdpEcho::UdpEcho(Loopback host) : m_Host(HostOf(host)) {
+UdpEcho::UdpEcho(Loopback host) : LoopbackServer(host) {
     for (int attempt = 0;; ++attempt) {
         m_Port = FreePort(m_Host, SOCK_DGRAM);
         // One socat child per peer; the datagram socketpair to cat keeps each

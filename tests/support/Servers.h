@@ -76,10 +76,7 @@ private:
 
 enum class Loopback { V4, V6 };
 
-struct NginxOptions {
-    Loopback listen = Loopback::V4;
-    std::string extraLocations;  // e.g. "location /x { return 200; }"
-};
+struct NginxOptions { Loopback listen = Loopback::V4; std::string extraLocations; /* "location /x {...}" */ };
 
 class Nginx {
 public:
@@ -103,43 +100,39 @@ private:
     std::unique_ptr<ChildProcess> m_Process;
 };
 
-class WsServer {
+// What WsServer, Faults and UdpEcho hold: their host, folder and process.
+class LoopbackServer {
+public:
+    const std::string& Host() const { return m_Host; }  // "127.0.0.1" or "::1"
+    uint16_t Port() const { return m_Port; }
+
+protected:
+    explicit LoopbackServer(Loopback host) : m_Host(host == Loopback::V6 ? "::1" : "127.0.0.1") {}
+    std::string m_Host;
+    TempDir m_Dir;
+    std::unique_ptr<ChildProcess> m_Process;
+    uint16_t m_Port = 0;
+};
+
+class WsServer : public LoopbackServer {
 public:
     explicit WsServer(Loopback host = Loopback::V4);
     std::string Url(const std::string& path = "/echo") const;     // ws://
     std::string TlsUrl(const std::string& path = "/echo") const;  // wss://
 
 private:
-    std::string m_Host;
-    TempDir m_Dir;
-    std::unique_ptr<ChildProcess> m_Process;
-    uint16_t m_Port = 0, m_TlsPort = 0;
+    uint16_t m_TlsPort = 0;
 };
 
-class Faults {
+class Faults : public LoopbackServer {
 public:
     explicit Faults(Loopback host = Loopback::V4);
     std::string Url(const std::string& path) const;
-    uint16_t Port() const { return m_Port; }
-
-private:
-    std::string m_Host;
-    TempDir m_Dir;
-    std::unique_ptr<ChildProcess> m_Process;
-    uint16_t m_Port = 0;
 };
 
-class UdpEcho {
+class UdpEcho : public LoopbackServer {
 public:
-    explicit UdpEcho(Loopback host = Loopback::V4);  // V4 or V6
-    const std::string& Host() const { return m_Host; }  // "127.0.0.1" or "::1"
-    uint16_t Port() const { return m_Port; }
-
-private:
-    std::string m_Host;
-    TempDir m_Dir;
-    std::unique_ptr<ChildProcess> m_Process;
-    uint16_t m_Port = 0;
+    explicit UdpEcho(Loopback host = Loopback::V4);
 };
 
 }  // namespace testsupport

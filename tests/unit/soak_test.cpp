@@ -132,11 +132,10 @@ TEST(Soak, RandomOperationsFaultsAndStops) {
         if (round == 0) fds = Entries("/proc/self/fd"), tasks = Entries("/proc/self/task");
         if (HasFailure()) break;  // what follows a broken promise would only wait
     }
-    auto count = [&] {
+    EXPECT_TRUE(Await([&] {
         std::lock_guard<std::mutex> lock(m);
-        return std::count_if(alive.begin(), alive.end(), [](auto& w) { return !w.expired(); });
-    };
-    EXPECT_TRUE(Await([&] { return count() == 0; }, "the release of every handle, notice and frame"));
+        return std::none_of(alive.begin(), alive.end(), [](auto& w) { return !w.expired(); });
+    }, "the release of every handle, notice and frame"));
     EXPECT_TRUE(Await([&] { return Entries("/proc/self/fd") <= fds; }, "the close of every descriptor"));
     EXPECT_TRUE(Await([&] { return Entries("/proc/self/task") <= tasks; }, "the end of every thread"));
     std::printf("soak: %ld operations in %d rounds\n", ops.load(), rounds);
