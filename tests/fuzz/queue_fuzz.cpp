@@ -80,10 +80,7 @@ void Perform(CHttpFrame& frame, const std::shared_ptr<FuzzOper>& oper, uint8_t o
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    sysutil::SetLogLevel(100);  // refusals are expected here
-    return 0;
-}
+extern "C" int LLVMFuzzerInitialize(int*, char***) { return sysutil::SetLogLevel(100), 0; }  // refusals expected
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size > 64) return 0;

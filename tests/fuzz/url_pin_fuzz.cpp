@@ -1,10 +1,6 @@
-// Arbitrary URLs through the URL splitter and the address-pin builder: no
-// crash, and a pin is always "host:port:address" with the URL's own host and a
-// numeric port.
+// Arbitrary URLs through the URL splitter and the address-pin builder: no crash,
+// and a pin is always "host:port:address" with the URL's host and a numeric port.
 #include <netdb.h>
-
-#include <cstdlib>
-#include <string>
 
 #include "hostseek/IHostseekInterface.h"
 #include "http/HttpHandle.h"
@@ -38,10 +34,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string host, port;
     const bool split = netloop::CHttpHandle::SplitUrlHostPort(url.c_str(), host, port);
     const std::string pin = netloop::CHttpHandle::BuildAddressPin(url.c_str());
-    if (!split || port.empty()) {
-        if (!pin.empty()) std::abort();
-        return 0;
-    }
+    if (!split || port.empty()) return pin.empty() ? 0 : (std::abort(), 0);
     if (pin != host + ":" + port + ":10.1.2.3" || port.find_first_not_of("0123456789") != std::string::npos) std::abort();
     return 0;
 }

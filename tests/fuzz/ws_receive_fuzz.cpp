@@ -7,11 +7,7 @@
 // frame settle the handle before and after each input; they are compared too.
 #include <curl/curl.h>
 
-#include <cstdlib>
 #include <cstring>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "http/HttpHandle.h"
 #include "netloop/IHttpInterface.h"

@@ -252,10 +252,8 @@ Nginx::Nginx(NginxOptions options) : m_Options(std::move(options)) {
     }
 }
 
-std::string Nginx::Url(const std::string& path) const { return MakeUrl("http", HostOf(m_Options.listen), m_HttpPort, path); }
-std::string Nginx::TlsUrl(const std::string& path) const {
-    return MakeUrl("https", HostOf(m_Options.listen), m_TlsPort, path);
-}
+std::string Nginx::Url(const std::string& p) const { return MakeUrl("http", HostOf(m_Options.listen), m_HttpPort, p); }
+std::string Nginx::TlsUrl(const std::string& p) const { return MakeUrl("https", HostOf(m_Options.listen), m_TlsPort, p); }
 std::string Nginx::Root() const { return m_Dir.Path() + "/www"; }
 
 std::string Nginx::WriteFile(const std::string& name, const std::string& content) {
@@ -268,10 +266,9 @@ std::string Nginx::CreateFile(const std::string& name, size_t size) { return Wri
 std::string Nginx::ErrorLog() const { return ReadFile(m_Dir.Path() + "/error.log"); }
 
 std::vector<std::string> Nginx::AccessLog() const {
-    std::vector<std::string> lines;
-    std::istringstream in(ReadFile(m_Dir.Path() + "/access.log"));
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
+    std::vector<std::string> lines(1);
+    for (char c : ReadFile(m_Dir.Path() + "/access.log")) c == '\n' ? (void)lines.emplace_back() : lines.back().push_back(c);
+    return lines.pop_back(), lines;  // the last line ends with a newline
 }
 
 // ---- python servers and socat ----

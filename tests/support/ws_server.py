@@ -17,11 +17,6 @@ import asyncio, http, ssl, sys
 import websockets
 
 
-async def echo(ws):
-    async for message in ws:
-        await ws.send(message)
-
-
 async def handler(ws, path):
     if path == "/fragments":
         # Frame by frame: send() of a list would end with an empty final
@@ -42,7 +37,8 @@ async def handler(ws, path):
         await ws.send(await ws.recv())
         ws.transport.abort()
         return
-    await echo(ws)
+    async for message in ws:  # echo
+        await ws.send(message)
 
 
 async def refuse(path, headers):

@@ -9,10 +9,7 @@ namespace {
 
 using namespace testsupport;
 
-struct ToolRun {
-    int exit;
-    std::string out;  // stdout and stderr together
-};
+struct ToolRun { int exit; std::string out; /* stdout and stderr together */ };
 
 ToolRun Tool(const std::vector<std::string>& args, const std::string& input = "") {
     TempDir dir;

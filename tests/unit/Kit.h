@@ -119,9 +119,7 @@ struct Transfer {  // an armed handle with its recorder
     }
 };
 
-inline std::shared_ptr<std::vector<uint8_t>> Bytes(const std::string& s) {
-    return std::make_shared<std::vector<uint8_t>>(s.begin(), s.end());
-}
+inline auto Bytes(const std::string& s) { return std::make_shared<std::vector<uint8_t>>(s.begin(), s.end()); }
 
 // Answers every name with `status` and, on success, the numeric `address`: at
 // once, or late from a thread of its own. Install it with

@@ -39,8 +39,7 @@ TEST(Soak, RandomOperationsFaultsAndStops) {
     Faults faults;
     WsServer ws;
     UdpEcho udp;
-    nginx.CreateFile("/body", 100000);
-    nginx.CreateFile("/slow/body", 20000);
+    nginx.CreateFile("/body", 100000), nginx.CreateFile("/slow/body", 20000);
     const std::string urls[] = {nginx.Url("/body"), nginx.Url("/status/500"), nginx.TlsUrl("/body"), nginx.Url("/slow/body"),
                                 faults.Url("/reset"), faults.Url("/silent"), ws.Url("/echo"), ws.Url("/drop"),
                                 "http://127.0.0.1:" + std::to_string(FreePort()) + "/"};
@@ -51,7 +50,7 @@ TEST(Soak, RandomOperationsFaultsAndStops) {
         alive.push_back(p);
     };
     std::atomic<long> ops{0};
-    size_t fds = 0, tasks = 0;
+    size_t fds = 0, tasks = 0;  // after the first round
     for (int round = 0; round < rounds; ++round) {
         Frame frame(round % 2 == 1, round % 3 == 1);
         track(frame.f);
