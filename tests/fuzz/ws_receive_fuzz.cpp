@@ -60,7 +60,7 @@ struct Model {
     }
 };
 
-std::shared_ptr<Recorder> g_Recorder;
+auto g_Recorder = std::make_shared<Recorder>();
 std::shared_ptr<CHttpHandle> g_Handle;  // armed, never added: receives as on an open connection
 
 // One chunk through the write callback, from a buffer of exactly its size, and
@@ -87,13 +87,10 @@ void Settle(Model* model) {
 extern "C" const struct curl_ws_frame* curl_ws_meta(CURL*) { return &g_Meta; }
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    sysutil::SetLogLevel(100);
     IHttpInterface::Create();  // libcurl's global set-up
-    g_Recorder = std::make_shared<Recorder>();
     g_Handle = std::dynamic_pointer_cast<CHttpHandle>(IHttpHandleInterface::Create());
-    if (!g_Handle || g_Handle->InitHttpReq("ws://127.0.0.1:9/", "fuzz", HTTP_REQ_WEBSOCKET, g_Recorder, 0, 0, nullptr))
-        std::abort();
-    return 0;
+    return !g_Handle || g_Handle->InitHttpReq("ws://127.0.0.1:9/", "fuzz", HTTP_REQ_WEBSOCKET, g_Recorder, 0, 0, nullptr)
+               ? (std::abort(), 0) : (sysutil::SetLogLevel(100), 0);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

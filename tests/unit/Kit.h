@@ -113,9 +113,11 @@ struct Transfer {  // an armed handle with its recorder
         if (!Await([&] { return !rec->Get(&Recorder::finishes).empty(); }, "OnFinish")) return INT_MIN;
         return rec->Get(&Recorder::finishes)[0];
     }
+    long codeInDone = -2;  // what GetResponseCode said in DelHttpReq's done function
     int Del(Frame& frame) {
         Done done;
-        return frame->DelHttpReq(h, true, done.Fn(), nullptr) != 0 ? -1 : done.Result("DelHttpReq's done");
+        auto fn = [this, d = done.Fn()](auto handle, void* u, int rc) { codeInDone = handle->GetResponseCode(), d(handle, u, rc); };
+        return frame->DelHttpReq(h, true, fn, nullptr) != 0 ? -1 : done.Result("DelHttpReq's done");
     }
 };
 

@@ -81,7 +81,7 @@ TEST(Frame, QueueKeepsCallOrderRunsInlineOnTheLoopAndCancelsAddsAtStop) {
     // On the loop thread without forceAsyn the operation runs inside the call;
     // a stop made there cancels the adds still queued and runs the deletes.
     auto late = ITimerHandleInterface::Create(nullptr, nullptr, 3600000, 0, nullptr);
-    Done inlineDel, queuedAdd, queuedDel;
+    Done inlineDel, queuedAdd, queuedDel, queuedHttpAdd;
     std::atomic<int> inlineResult{1};
     std::atomic<bool> inlineSeenFirst{false};
     char name[16] = {};
@@ -90,12 +90,14 @@ TEST(Frame, QueueKeepsCallOrderRunsInlineOnTheLoopAndCancelsAddsAtStop) {
         inlineResult = frame->DelTimerReq(timers[0], false, inlineDel.Fn(), nullptr);
         inlineSeenFirst = inlineDel.Results().size() == 1;
         frame->AddTimerReq(late, true, queuedAdd.Fn(), nullptr);
+        frame->AddHttpReq(IHttpHandleInterface::Create(), true, queuedHttpAdd.Fn(), nullptr);
         for (size_t i = 1; i < timers.size(); ++i) frame->DelTimerReq(timers[i], true, queuedDel.Fn(), nullptr);
         frame->DelTimerReq(self, true, nullptr, nullptr);
         frame->Stop(false);
     });
     ASSERT_EQ(frame->AddTimerReq(driver, true, nullptr, nullptr), 0);
     ASSERT_EQ(queuedAdd.Result("the cancelled add"), -1);
+    EXPECT_EQ(queuedHttpAdd.Result("the cancelled HTTP add"), -1);
     EXPECT_EQ(inlineResult, 0);
     EXPECT_TRUE(inlineSeenFirst) << "the inline done function ran after the call returned";
     EXPECT_TRUE(Await([&] { return queuedDel.Results().size() == 19; }, "19 deletes run at the stop"));

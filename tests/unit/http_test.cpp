@@ -56,6 +56,7 @@ TEST(Http, OutcomesReachOnFinishAndTheLog) {
         if (c.result == 0 && c.url.rfind("https://127", 0) == 0)  // HTTP/2 by ALPN, as nginx saw it
             EXPECT_TRUE(Await([&] { auto l = Server().AccessLog(); return l.back().find(" HTTP/2.0 ") != l.back().npos; }, "HTTP/2"));
         EXPECT_EQ(t.Del(frame), 0);
+        EXPECT_EQ(t.codeInDone, c.status) << "the response is still there for DelHttpReq's done function";
         EXPECT_EQ(t.rec->Get(&Recorder::finishes).size(), 1u) << "OnFinish once";
         EXPECT_EQ(t->GetResponseCode(), -1) << "idle after the delete";
     }
