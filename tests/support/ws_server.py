@@ -13,6 +13,7 @@ The path picks the behaviour:
                       "pong:are you there" once the pong is in (or "no pong"
                       after 20 s), then echoes
   /close/<code>/<why> closes at once with that code and reason
+  /one-then-close     sends the text "only", then closes at once
   /drop               echoes the first message, then drops the TCP connection
                       without a close frame
   /refuse             refuses the upgrade with 403
@@ -42,6 +43,10 @@ async def handler(ws, path):
     elif path.startswith("/close/"):
         _, _, code, reason = path.split("/", 3)
         await ws.close(int(code), reason)
+        return
+    elif path == "/one-then-close":
+        await ws.send("only")
+        await ws.close()
         return
     elif path == "/drop":
         await ws.send(await ws.recv())
