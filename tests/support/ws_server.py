@@ -13,7 +13,8 @@ The path picks the behaviour:
                       "pong:are you there" once the pong is in (or "no pong"
                       after 20 s), then echoes
   /close/<code>/<why> closes at once with that code and reason
-  /one-then-close     sends the text "only", then closes at once
+  /one-then-close     waits for a message, then sends the text "only", a close
+                      frame (1000) and the end of the TCP stream in one write
   /drop               echoes the first message, then drops the TCP connection
                       without a close frame
   /refuse             refuses the upgrade with 403
@@ -45,8 +46,9 @@ async def handler(ws, path):
         await ws.close(int(code), reason)
         return
     elif path == "/one-then-close":
-        await ws.send("only")
-        await ws.close()
+        await ws.recv()
+        ws.transport.write(b"\x81\x04only\x88\x02\x03\xe8")
+        ws.transport.close()
         return
     elif path == "/drop":
         await ws.send(await ws.recv())

@@ -46,10 +46,13 @@ TEST(LimitedFrame, BurstFromFourThreadsFinishesEveryTransferOnce) {
         });
     for (auto& adder : adders) adder.join();
     ASSERT_TRUE(Await([&] { return burst->ended.load() == n; }, "OnFinish of all " + std::to_string(n) + " GETs"));
+    size_t notOnce = 0, failed = 0;
     for (size_t i = 0; i < n; ++i) {
-        EXPECT_EQ(burst->finishes[i].load(), 1) << "transfer " << i;
-        EXPECT_EQ(burst->failures[i].load(), 0) << "transfer " << i;
+        notOnce += burst->finishes[i].load() != 1;
+        failed += burst->failures[i].load() != 0;
     }
+    EXPECT_EQ(notOnce, 0u) << "transfers without exactly one OnFinish";
+    EXPECT_EQ(failed, 0u) << "transfers that failed (timed out)";
 }
 
 TEST(LimitedFrame, WaitingTransferLeavesItsLineOrOutwaitsItsTimeOut) {
@@ -110,6 +113,11 @@ TEST(LoopEnds, DeleteFromOnWsDataSilencesAConnectionThatCloses) {
     auto h = IHttpHandleInterface::Create();
     rec->frame = frame.f.get();
     rec->handle = h;
+    // The server's answer to this message is its last message and its close.
+    rec->onState = [](std::shared_ptr<IHttpHandleInterface> open, int) {
+        size_t sent = 0;
+        open->SendWsData(std::make_shared<std::vector<uint8_t>>(1, 'x'), WS_MSG_TEXT, &sent);
+    };
     ASSERT_EQ(h->InitHttpReq(ws.Url("/one-then-close").c_str(), nullptr, HTTP_REQ_WEBSOCKET, rec, 0, 0, nullptr), 0);
     ASSERT_EQ(frame->AddHttpReq(h, true, nullptr, nullptr), 0);
     EXPECT_EQ(rec->deleted.Result("the done function of the delete"), 0);
