@@ -8,6 +8,7 @@
 //   --impl=multi_uv  the same limits and time-outs on a plain libcurl
 //                    multi-socket loop on libuv, all N easy handles added at once
 //   --n=N transfers (1000)
+//   --tls  HTTPS with HTTP/2 by ALPN: multiplexed, up to 50 streams a connection
 // Figure: transfers completed with 200 per second, from the first add to the
 // last end. netloop fails the run unless every transfer completed; the
 // baseline reports how many did ("completed", "timed_out").
@@ -23,6 +24,7 @@
 #include "common/CurlPlain.h"
 #include "common/NetloopFrame.h"
 #include "loopback/NginxServer.h"
+#include "loopback/TestTls.h"
 #include "netloop/IHttpInterface.h"
 
 namespace {
@@ -43,12 +45,13 @@ class Burst : public netloop::IHttpHandleNotic {
 public:
     explicit Burst(std::shared_ptr<netloop::IHttpInterface> frame) : m_Frame(std::move(frame)) {}
 
-    bool Run(const std::string& url, uint64_t n, double limitSeconds) {
+    bool Run(const std::string& url, const std::string& ca, uint64_t n, double limitSeconds) {
         m_Done.Reset(n);
         for (uint64_t i = 0; i < n; ++i) {
             auto handle = netloop::IHttpHandleInterface::Create();
             if (handle->InitHttpReq(url.c_str(), nullptr, netloop::HTTP_REQ_GET, m_Self.lock(), kTimeoutMs,
                                     kTimeoutMs, nullptr) != 0 ||
+                (!ca.empty() && handle->SetCaPath(ca.c_str()) != 0) ||
                 m_Frame->AddHttpReq(handle, false, nullptr, nullptr) != 0)
                 return false;
         }
@@ -103,9 +106,9 @@ public:
         uv_loop_close(&m_Loop);
     }
 
-    bool Run(const std::string& url, uint64_t n, double limitSeconds) {
+    bool Run(const std::string& url, const std::string& ca, uint64_t n, double limitSeconds) {
         m_Total = n;
-        for (uint64_t i = 0; i < n; ++i) curl_multi_add_handle(m_Multi, NewEasy(url));
+        for (uint64_t i = 0; i < n; ++i) curl_multi_add_handle(m_Multi, NewEasy(url, ca));
         const double deadline = bench::Now() + limitSeconds;
         while (m_Finished < m_Total) {
             uv_run(&m_Loop, UV_RUN_ONCE);
@@ -122,10 +125,11 @@ private:
         PlainBurst* owner;
     };
 
-    static CURL* NewEasy(const std::string& url) {
+    static CURL* NewEasy(const std::string& url, const std::string& ca) {
         CURL* easy = curl_easy_init();
         auto* body = new std::string;
         bench::SetPlainOptions(easy, url.c_str());
+        if (!ca.empty()) curl_easy_setopt(easy, CURLOPT_CAINFO, ca.c_str());
         curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, kTimeoutMs);
         curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, kTimeoutMs);
         curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &bench::AppendToString);
@@ -227,12 +231,15 @@ int main(int argc, char** argv) {
     const int timeout = static_cast<int>(args.Int("timeout", 120));
     bench::StartWatchdog("limited_burst", impl, timeout);
     bench::Result res("limited_burst", impl);
+    const bool tls = args.Has("tls");
     res.Param("n", static_cast<int64_t>(n));
+    res.Param("tls", tls ? 1 : 0);
 
     curl_global_init(CURL_GLOBAL_DEFAULT);
     testsupport::NginxServer nginx;
     if (!nginx.Running()) return res.Skip("nginx is not installed");
-    const std::string url = nginx.Url("/small");
+    const std::string url = tls ? nginx.TlsUrl("/small") : nginx.Url("/small");
+    const std::string ca = tls ? testsupport::TestTls().caFile : std::string();
     const double limit = timeout;
 
     if (impl == "netloop") {
@@ -241,13 +248,13 @@ int main(int argc, char** argv) {
         auto burst = std::make_shared<Burst>(frame.get());
         burst->SetSelf(burst);
         const double t0 = bench::Now();
-        if (!burst->Run(url, n, limit)) return res.Fail("not every transfer ended in time");
+        if (!burst->Run(url, ca, n, limit)) return res.Fail("not every transfer ended in time");
         return Report(res, burst->Counts(), n, bench::Now() - t0, true);
     }
     if (impl == "multi_uv") {
         PlainBurst burst;
         const double t0 = bench::Now();
-        if (!burst.Run(url, n, limit)) return res.Fail("not every transfer ended in time");
+        if (!burst.Run(url, ca, n, limit)) return res.Fail("not every transfer ended in time");
         return Report(res, burst.Counts(), n, bench::Now() - t0, false);
     }
     return res.Fail("unknown --impl (netloop, multi_uv)");
