@@ -66,23 +66,30 @@ int Socket(const std::string& host, uint16_t port, int type, bool connectIt, uin
     return -1;
 }
 
-bool Accepts(const std::string& host, uint16_t port) {
-    int fd = Socket(host, port, SOCK_STREAM, true);
-    if (fd >= 0) close(fd);
-    return fd >= 0;
-}
-
-bool Echoes(const std::string& host, uint16_t port) {
-    int fd = Socket(host, port, SOCK_DGRAM, true);
+// A TCP connect succeeds, or a UDP probe comes back.
+bool Answers(const std::string& host, uint16_t port, int type) {
+    int fd = Socket(host, port, type, true);
     char buf[8];
     pollfd p{fd, POLLIN, 0};
-    bool ok = fd >= 0 && send(fd, "probe", 5, 0) == 5 && poll(&p, 1, 200) == 1 && recv(fd, buf, sizeof buf, 0) == 5;
+    bool ok = fd >= 0 && (type == SOCK_STREAM || (send(fd, "probe", 5, 0) == 5 && poll(&p, 1, 200) == 1 &&
+                                                  recv(fd, buf, sizeof buf, 0) == 5));
     if (fd >= 0) close(fd);
     return ok;
 }
 
 std::string UrlHost(const std::string& host) { return host.find(':') != std::string::npos ? "[" + host + "]" : host; }
 std::string HostOf(Loopback l) { return l == Loopback::V6 ? "::1" : "127.0.0.1"; }
+std::string MakeUrl(const char* scheme, const std::string& host, uint16_t port, const std::string& path) {
+    return scheme + ("://" + UrlHost(host)) + ":" + std::to_string(port) + path;
+}
+
+// A python server of tests/support that prints "<key> <port>" lines.
+std::unique_ptr<ChildProcess> Python(const char* script, const std::string& host, const TempDir& dir,
+                                     std::vector<std::string> more = {}) {
+    std::vector<std::string> argv{kPython, NETLOOP_TEST_SUPPORT_DIR + std::string("/") + script, "--host", host};
+    argv.insert(argv.end(), more.begin(), more.end());
+    return std::make_unique<ChildProcess>(argv, dir.Path() + "/out.log");
+}
 
 }  // namespace
 
@@ -255,7 +262,7 @@ Nginx::Nginx(NginxOptions options) : m_Options(std::move(options)) {
             std::vector<std::string>{"/usr/sbin/nginx", "-p", d + "/", "-c", d + "/nginx.conf", "-e", d + "/error.log"},
             d + "/stdout.log");
         for (auto end = Clock::now() + std::chrono::seconds(30); Clock::now() < end && !m_Process->Exited();) {
-            if (Accepts(host, m_HttpPort) && Accepts(host, m_TlsPort)) return;
+            if (Answers(host, m_HttpPort, SOCK_STREAM) && Answers(host, m_TlsPort, SOCK_STREAM)) return;
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
         m_Process->Stop();
@@ -266,14 +273,10 @@ Nginx::Nginx(NginxOptions options) : m_Options(std::move(options)) {
     }
 }
 
-std::string Nginx::Url(const std::string& path) const {
-    return "http://" + UrlHost(HostOf(m_Options.listen)) + ":" + std::to_string(m_HttpPort) + path;
-}
-
+std::string Nginx::Url(const std::string& path) const { return MakeUrl("http", HostOf(m_Options.listen), m_HttpPort, path); }
 std::string Nginx::TlsUrl(const std::string& path) const {
-    return "https://" + UrlHost(HostOf(m_Options.listen)) + ":" + std::to_string(m_TlsPort) + path;
+    return MakeUrl("https", HostOf(m_Options.listen), m_TlsPort, path);
 }
-
 std::string Nginx::Root() const { return m_Dir.Path() + "/www"; }
 
 std::string Nginx::WriteFile(const std::string& name, const std::string& content) {
@@ -288,40 +291,23 @@ std::string Nginx::ErrorLog() const { return ReadAll(m_Dir.Path() + "/error.log"
 std::vector<std::string> Nginx::AccessLog() const {
     std::vector<std::string> lines;
     std::istringstream in(ReadAll(m_Dir.Path() + "/access.log"));
-    for (std::string line; std::getline(in, line);)
-        if (!line.empty()) lines.push_back(line);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
 }
 
 // ---- python servers and socat ----
 
-WsServer::WsServer(Loopback host) : m_Host(HostOf(host)) {
-    m_Process = std::make_unique<ChildProcess>(
-        std::vector<std::string>{kPython, NETLOOP_TEST_SUPPORT_DIR "/ws_server.py", "--host", m_Host, "--cert",
-                                 TestCa().certFile, "--key", TestCa().keyFile},
-        m_Dir.Path() + "/out.log");
-    m_Port = m_Process->WaitForPort("ws");
-    m_TlsPort = m_Process->WaitForPort("wss");
-}
+WsServer::WsServer(Loopback host)
+    : m_Host(HostOf(host)),
+      m_Process(Python("ws_server.py", m_Host, m_Dir, {"--cert", TestCa().certFile, "--key", TestCa().keyFile})),
+      m_Port(m_Process->WaitForPort("ws")),
+      m_TlsPort(m_Process->WaitForPort("wss")) {}
+std::string WsServer::Url(const std::string& path) const { return MakeUrl("ws", m_Host, m_Port, path); }
+std::string WsServer::TlsUrl(const std::string& path) const { return MakeUrl("wss", m_Host, m_TlsPort, path); }
 
-std::string WsServer::Url(const std::string& path) const {
-    return "ws://" + UrlHost(m_Host) + ":" + std::to_string(m_Port) + path;
-}
-
-std::string WsServer::TlsUrl(const std::string& path) const {
-    return "wss://" + UrlHost(m_Host) + ":" + std::to_string(m_TlsPort) + path;
-}
-
-Faults::Faults(Loopback host) : m_Host(HostOf(host)) {
-    m_Process = std::make_unique<ChildProcess>(
-        std::vector<std::string>{kPython, NETLOOP_TEST_SUPPORT_DIR "/faults.py", "--host", m_Host},
-        m_Dir.Path() + "/out.log");
-    m_Port = m_Process->WaitForPort("http");
-}
-
-std::string Faults::Url(const std::string& path) const {
-    return "http://" + UrlHost(m_Host) + ":" + std::to_string(m_Port) + path;
-}
+Faults::Faults(Loopback host)
+    : m_Host(HostOf(host)), m_Process(Python("faults.py", m_Host, m_Dir)), m_Port(m_Process->WaitForPort("http")) {}
+std::string Faults::Url(const std::string& path) const { return MakeUrl("http", m_Host, m_Port, path); }
 
 UdpEcho::UdpEcho(Loopback host) : m_Host(HostOf(host)) {
     for (int attempt = 0;; ++attempt) {
@@ -334,7 +320,7 @@ UdpEcho::UdpEcho(Loopback host) : m_Host(HostOf(host)) {
             std::vector<std::string>{"/usr/bin/socat", "-T", "30", "-b", "65536", listen, "EXEC:cat,socktype=2"},
             m_Dir.Path() + "/out.log");
         for (auto end = Clock::now() + std::chrono::seconds(30); Clock::now() < end && !m_Process->Exited();)
-            if (Echoes(m_Host, m_Port)) return;
+            if (Answers(m_Host, m_Port, SOCK_DGRAM)) return;
         std::string log = m_Process->Log();
         m_Process->Stop();
         if (attempt == 4) throw std::runtime_error("socat did not echo; its log:\n" + log);
