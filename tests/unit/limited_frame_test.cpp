@@ -72,14 +72,15 @@ TEST(LimitedFrame, WaitingTransferLeavesItsLineOrOutwaitsItsTimeOut) {
         for (Transfer* t : {&a, &b, &waiting}) ASSERT_EQ(frame->AddHttpReq(t->h, true, added.Fn(), nullptr), 0);
         ASSERT_TRUE(Await([&] { return added.Results() == std::vector<int>{0, 0, 0}; }, "three adds accepted"));
         if (c.action == Outwait) {
-            EXPECT_EQ(waiting.rec->AwaitFinish() ? waiting.rec->Get(&Recorder::finishes)[0] : INT_MIN, 0);
+            EXPECT_EQ(waiting.Run(frame), 0) << "a second add is refused, the waiting one finishes";
         } else {
             if (c.action == Disconnect) EXPECT_EQ(waiting->Disconnect(), 0);
             if (c.action == Delete) EXPECT_EQ(waiting.Del(frame), 0);
             // The freed slot goes to the next one added, not to the ended one.
             EXPECT_EQ(a.Del(frame), 0);
             ASSERT_EQ(frame->AddHttpReq(next.h, true, nullptr, nullptr), 0);
-            ASSERT_TRUE(isWs ? next.rec->AwaitState(WS_STATE_OPEN) : next.rec->AwaitFinish());
+            ASSERT_TRUE(isWs ? next.rec->AwaitState(WS_STATE_OPEN)
+                             : Await([&] { return !next.rec->Get(&Recorder::finishes).empty(); }, "OnFinish"));
             EXPECT_TRUE(waiting.rec->Get(&Recorder::finishes).empty());
             EXPECT_TRUE(waiting.rec->Get(&Recorder::states).empty());
         }
@@ -109,6 +110,11 @@ struct EndInsideLibcurl : Recorder, IHttpFrameNotic {
         End();
     }
     void OnProgress(const char*, const char*, curl_off_t, curl_off_t, curl_off_t, curl_off_t, void*) override { End(); }
+    void OnWsState(std::shared_ptr<IHttpHandleInterface> open, int state, void* user) override {
+        Recorder::OnWsState(open, state, user);
+        size_t sent = 0;
+        open->SendWsData(std::make_shared<std::vector<uint8_t>>(1, 'x'), WS_MSG_TEXT, &sent);
+    }
     int OnFrameStop(std::shared_ptr<IHttpInterface>, void*) override { return stopped = true, 0; }
 };
 
@@ -126,10 +132,6 @@ TEST(LoopEnds, EndsMadeInsideLibcurlWaitForItsCallAndSilenceTheTransfer) {
         ASSERT_EQ(rec->frame->Start(true), 0);
         auto h = IHttpHandleInterface::Create();
         rec->handle = h;
-        rec->onState = [](std::shared_ptr<IHttpHandleInterface> open, int) {
-            size_t sent = 0;
-            open->SendWsData(std::make_shared<std::vector<uint8_t>>(1, 'x'), WS_MSG_TEXT, &sent);
-        };
         const std::string url = stop ? nginx.Url("/slow/blob") : ws.Url("/one-then-close");
         ASSERT_EQ(h->InitHttpReq(url.c_str(), nullptr, stop ? HTTP_REQ_GET : HTTP_REQ_WEBSOCKET, rec, 0, 0, nullptr), 0);
         if (stop) ASSERT_EQ(h->EnableProgress(true), 0);
