@@ -1,7 +1,5 @@
-// Frames with connection limits: a burst finishes, a waiting transfer leaves
-// its line when ended and its time-outs do not count the wait. Ends made on the
-// loop thread inside libcurl: a delete silences the transfer, a stop waits for
-// libcurl's call to return.
+// Frames with connection limits, and ends (delete, stop) made on the loop
+// thread inside libcurl.
 #include <atomic>
 #include <cstdlib>
 #include <thread>
@@ -128,8 +126,7 @@ TEST(LoopEnds, EndsMadeInsideLibcurlWaitForItsCallAndSilenceTheTransfer) {
         SCOPED_TRACE(stop ? "delete and stop from OnProgress" : "delete from OnWsData");
         auto rec = std::make_shared<EndInsideLibcurl>();
         rec->stop = stop;
-        ASSERT_EQ(rec->frame->Init(rec, false, false, nullptr), 0);
-        ASSERT_EQ(rec->frame->Start(true), 0);
+        ASSERT_TRUE(rec->frame->Init(rec, false, false, nullptr) == 0 && rec->frame->Start(true) == 0);
         auto h = IHttpHandleInterface::Create();
         rec->handle = h;
         const std::string url = stop ? nginx.Url("/slow/blob") : ws.Url("/one-then-close");
@@ -140,14 +137,11 @@ TEST(LoopEnds, EndsMadeInsideLibcurlWaitForItsCallAndSilenceTheTransfer) {
         // The delete has run: whatever libcurl reported before it was told by now.
         EXPECT_EQ(rec->deleted.Results(), std::vector<int>{0});
         EXPECT_TRUE(rec->Get(&Recorder::finishes).empty());
-        if (stop) {
-            EXPECT_TRUE(Await([&] { return rec->stopped.load(); }, "OnFrameStop"));
-            EXPECT_EQ(rec->stops, std::vector<int>{0});
-        } else {
-            EXPECT_EQ(rec->Get(&Recorder::states), std::vector<int>{WS_STATE_OPEN});
-            EXPECT_EQ(rec->Get(&Recorder::messages).size(), 1u);
-            EXPECT_EQ(rec->frame->Stop(false), 0);
-        }
+        EXPECT_EQ(rec->Get(&Recorder::states), stop ? std::vector<int>{} : std::vector<int>{WS_STATE_OPEN});
+        EXPECT_EQ(rec->Get(&Recorder::messages).size(), stop ? 0u : 1u);
+        if (!stop) EXPECT_EQ(rec->frame->Stop(false), 0);
+        EXPECT_TRUE(Await([&] { return rec->stopped.load(); }, "OnFrameStop"));
+        EXPECT_EQ(rec->stops, stop ? std::vector<int>{0} : std::vector<int>{});
     }
 }
 
