@@ -9,6 +9,8 @@ for ws (and one for wss) and prints "ws <port>" (and "wss <port>"). By path:
   /ping               pings with "are you there", sends "pong:are you there" once
                       the pong is in ("no pong" after 20 s), then echo
   /close/<code>/<why> closes at once with that code and reason
+  /one-then-close     waits for a message, then sends "only", a close (1000) and
+                      the end of the stream in one write
   /drop               echoes one message, then drops TCP without a close frame
   /refuse             refuses the upgrade with 403
 """
@@ -32,6 +34,11 @@ async def handler(ws, path):
     elif path.startswith("/close/"):
         _, _, code, reason = path.split("/", 3)
         await ws.close(int(code), reason)
+        return
+    elif path == "/one-then-close":
+        await ws.recv()
+        ws.transport.write(b"\x81\x04only\x88\x02\x03\xe8")
+        ws.transport.close()
         return
     elif path == "/drop":
         await ws.send(await ws.recv())
