@@ -132,6 +132,7 @@ void CHttpHandle::OnWsAdded() {
     m_WsPhase = WS_PHASE_CONNECTING;
     m_WsRetryMs = 0;
     m_WsDue = false;
+    m_WsFailCode = 0;
     ResetWsReceive();
 }
 
@@ -154,7 +155,7 @@ void CHttpHandle::OnWsEnded(CURLcode) {
     m_WsPhase = WS_PHASE_ENDED;
     DropWsQueue();
     ResetWsReceive();
-    NotifyWsState(wasOpen ? WS_STATE_CLOSED : WS_STATE_FAILED);
+    NotifyWsState(m_WsFailCode != 0 ? WS_STATE_ERROR : wasOpen ? WS_STATE_CLOSED : WS_STATE_FAILED);
 }
 
 void CHttpHandle::ServiceWs() {
@@ -162,6 +163,7 @@ void CHttpHandle::ServiceWs() {
     if (!IsReady() || m_Curl == nullptr) return;  // deleted meanwhile
     if (m_WsPhase == WS_PHASE_UPGRADED && !OpenWs()) return;
     if (m_WsPhase == WS_PHASE_OPEN) FlushWs();
+    if (m_WsFailCode != 0 && m_WsPhase == WS_PHASE_OPEN && FailedWsDone()) EndFailedWs();
 }
 
 // Announces the open connection, then hands over the messages that arrived
@@ -230,6 +232,7 @@ void CHttpHandle::OnWsRound() {
 }
 
 void CHttpHandle::OnWsFrameBytes(const char* data, size_t len, int flags, curl_off_t bytesleft) {
+    if (!AdmitWsChunk(data, len, flags, bytesleft)) return;
     if (flags & (CURLWS_CLOSE | CURLWS_PING | CURLWS_PONG)) {
         // Control frames may come between the frames of a fragmented message:
         // they are delivered alone, and its bytes stay where they are.
@@ -283,6 +286,8 @@ void CHttpHandle::ResetWsReceive() {
     m_WsControl.clear();
     m_WsEarly.clear();
     m_WsInMessage = false;
+    m_WsFrameEnded = true;
+    m_WsUtf8.Reset();
 }
 
 // ---------------------------------------------------------------------------
@@ -301,6 +306,7 @@ int CHttpHandle::SendWsData(std::shared_ptr<std::vector<uint8_t>> data, int type
         WriteNetLog(LOG_ERROR, "[NETLOOP]Can not send ws data req now");
         return -1;
     }
+    if (!ReserveWsSend(SizeOf(data))) return -1;
     if (frame->IsLoopThread()) {
         SendWsOnLoop(std::move(data), flags, sent, false, frame->InsideCurl());
         return 0;
@@ -311,7 +317,9 @@ int CHttpHandle::SendWsData(std::shared_ptr<std::vector<uint8_t>> data, int type
     oper->m_Oper = shared_from_this();
     oper->data = std::move(data);
     oper->flags = static_cast<int>(flags);
-    return frame->PostAsynOper(std::move(oper)) ? 0 : -1;
+    if (frame->PostAsynOper(std::move(oper))) return 0;
+    ReleaseWsSend(*sent);
+    return -1;
 }
 
 // A send on the loop thread, by the application (`record` false: `sent` is the
@@ -321,7 +329,10 @@ int CHttpHandle::SendWsData(std::shared_ptr<std::vector<uint8_t>> data, int type
 void CHttpHandle::SendWsOnLoop(std::shared_ptr<std::vector<uint8_t>> data, unsigned int flags, size_t* sent,
                                bool record, bool insideCurl) {
     const size_t size = SizeOf(data);
-    if (m_WsPhase == WS_PHASE_ENDED) {
+    // A connection the library is failing has its close frame queued: nothing
+    // may follow it.
+    if (m_WsPhase == WS_PHASE_ENDED || m_WsFailCode != 0) {
+        ReleaseWsSend(size);
         *sent = 0;
         LogSendFailed(kWsGone);
         if (record && size != 0) LogSendShort(size, 0);
@@ -344,6 +355,7 @@ void CHttpHandle::SendWsOnLoop(std::shared_ptr<std::vector<uint8_t>> data, unsig
     *sent = 0;
     const uint8_t* bytes = size != 0 ? data->data() : nullptr;
     CURLcode rc = curl_ws_send(m_Curl, bytes, size, sent, 0, flags);
+    ReleaseWsSend(*sent);
     if (rc == CURLE_OK && *sent == size) return;
     if (rc == CURLE_OK || rc == CURLE_AGAIN) {
         // libcurl has begun the frame: the rest goes first once the socket drains.
@@ -352,6 +364,7 @@ void CHttpHandle::SendWsOnLoop(std::shared_ptr<std::vector<uint8_t>> data, unsig
         ScheduleWs(m_WsRetryMs);
         return;
     }
+    ReleaseWsSend(size - *sent);
     LogSendFailed(rc);
     if (record && size != 0 && *sent != size) LogSendShort(size, *sent);
 }
@@ -371,7 +384,10 @@ void CHttpHandle::FlushWs() {
         const uint8_t* bytes = size != 0 ? msg.data->data() + msg.done : nullptr;
         size_t taken = 0;
         CURLcode rc = curl_ws_send(m_Curl, bytes, size - msg.done, &taken, 0, msg.flags);
-        if (rc == CURLE_OK) msg.done += taken;
+        if (rc == CURLE_OK) {
+            msg.done += taken;
+            ReleaseWsSend(taken);
+        }
         if (rc == CURLE_OK && msg.done == size) {
             m_WsOut.pop_front();
             m_WsRetryMs = 0;
@@ -386,6 +402,7 @@ void CHttpHandle::FlushWs() {
         }
         LogSendFailed(rc);
         if (msg.done != 0) LogSendShort(size, msg.done);
+        ReleaseWsSend(size - msg.done);
         m_WsOut.pop_front();
     }
 }
@@ -395,6 +412,7 @@ void CHttpHandle::DropWsQueue() {
     if (m_WsOut.empty()) return;
     std::unique_ptr<std::deque<WsOutMessage>> dropped = m_WsOut.TakeAll();
     for (const WsOutMessage& msg : *dropped) {
+        ReleaseWsSend(SizeOf(msg.data) - msg.done);
         if (msg.done != 0)
             LogSendShort(SizeOf(msg.data), msg.done);
         else
