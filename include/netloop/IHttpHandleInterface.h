@@ -227,9 +227,10 @@ public:
     // with status 1009, drops the connection, logs one line at level 60 with the
     // limit and the size seen, and calls OnWsState(WS_STATE_ERROR); GetErrorText
     // then reads "message too big (limit 16 MiB, <size> bytes seen)". The same
-    // way, text that is not UTF-8 ends it with 1007 and a control frame longer
-    // than 125 bytes with 1002. Application thread, before the add; kept across
-    // re-arming. Returns 0.
+    // way, text that is not UTF-8 ends it with 1007, and a control frame longer
+    // than 125 bytes with 1002 (libcurl 8.14 refuses such a frame itself and
+    // ends the connection without a close frame: WS_STATE_CLOSED). Application
+    // thread, before the add; kept across re-arming. Returns 0.
     virtual int SetWsMaxMessageSize(size_t bytes) = 0;
     // WebSocket handles: the most bytes that SendWsData lets wait to be sent
     // (GetWsBufferedAmount); default 64 MiB, 0 for no bound. A SendWsData that

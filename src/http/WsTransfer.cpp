@@ -67,6 +67,7 @@ size_t SizeOf(const std::shared_ptr<std::vector<uint8_t>>& data) { return data ?
 
 bool CHttpHandle::SetWsOptions() {
     m_WsPhase = WS_PHASE_IDLE;
+    m_WsFailCode = 0;
     m_WsProgress.store(false);
     // The end of the 101 response is the only sign libcurl gives that the
     // upgrade has completed. The callback passes every header on unchanged.

@@ -9,14 +9,20 @@
 //   - a data message collects the chunks of its frames until a chunk that
 //     ends a frame (no bytes left) without the continuation flag; it takes
 //     the type of that last frame, or of its first frame when the last one
-//     names none.
+//     names none; a frame of the other data type that begins while a message
+//     is open ends that message first, as the type it began with;
+//   - the connection fails, and from then on nothing more is delivered, when
+//     a message (what is held plus what its frame still announces) passes the
+//     input's limit, a control frame passes 125 bytes, or a text message stops
+//     being the beginning of valid UTF-8 or ends inside a character.
 //
 // libcurl hands the metadata of the chunk being written out through
 // curl_ws_meta. This program defines that function itself, so its definition
 // takes the place of libcurl's for the handle's code linked in here, and each
 // chunk carries the metadata the input chose.
 //
-// Input: records of
+// Input: one byte for the message limit (0: none, else 8 times the byte), then
+// records of
 //   byte 0      bits 0-6: CURLWS_* flags as they are; bit 7: bytes-left follows
 //   [2 bytes]   bytes left of the frame after this chunk, signed 16-bit little endian
 //   1 byte      chunk length (cut to what the input still has)
@@ -25,14 +31,18 @@
 // One handle serves the whole run. Before and after every input two empty
 // chunks that end a data message and a control frame bring the handle to its
 // rest state; what they deliver is compared too, so bytes of an unfinished
-// message at the end of an input must come out whole.
+// message at the end of an input must come out whole. A failed handle is
+// deleted through a frame and armed again.
 #include <curl/curl.h>
 
 #include <cstdint>
 #include <cstdlib>
+#include <atomic>
 #include <cstring>
+#include <future>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -71,11 +81,49 @@ int DataType(int flags) {
     return WS_MSG_OTHER;
 }
 
+// Length of the valid UTF-8 character at s[i], or 0. Decodes the value and
+// checks it, where the library checks byte ranges.
+size_t CharAt(const std::string& s, size_t i) {
+    const uint8_t c = s[i];
+    const size_t n = c < 0x80 ? 1 : (c & 0xE0) == 0xC0 ? 2 : (c & 0xF0) == 0xE0 ? 3 : (c & 0xF8) == 0xF0 ? 4 : 0;
+    if (n == 0 || i + n > s.size()) return 0;
+    uint32_t v = n == 1 ? c : c & (0x7F >> n);
+    for (size_t k = 1; k < n; ++k) {
+        if ((s[i + k] & 0xC0) != 0x80) return 0;
+        v = (v << 6) | (s[i + k] & 0x3F);
+    }
+    static const uint32_t kLeast[] = {0, 0, 0x80, 0x800, 0x10000};
+    return v < kLeast[n] || v > 0x10FFFF || (v >= 0xD800 && v <= 0xDFFF) ? 0 : n;
+}
+
+// Whether text that may still go on can become valid; `complete` when it is
+// valid as it stands. A character cut at the end can be completed when its
+// smallest or largest completion is valid.
+bool Utf8SoFar(const std::string& s, bool& complete) {
+    size_t i = 0;
+    for (size_t n; i < s.size() && (n = CharAt(s, i)) != 0;) i += n;
+    complete = i == s.size();
+    if (complete) return true;
+    const uint8_t c = s[i];
+    const size_t want = (c & 0xE0) == 0xC0 ? 2 : (c & 0xF0) == 0xE0 ? 3 : (c & 0xF8) == 0xF0 ? 4 : 0;
+    const size_t have = s.size() - i;
+    if (want <= have) return false;
+    return CharAt(s.substr(i) + std::string(want - have, '\x80'), 0) == want ||
+           CharAt(s.substr(i) + std::string(want - have, '\xBF'), 0) == want;
+}
+
 // The receive rules, written plainly.
 class Model {
 public:
+    explicit Model(size_t limit) : m_Limit(limit) {}
+    bool failed = false;
+
     void Chunk(const std::string& bytes, int flags, curl_off_t bytesleft) {
+        if (failed) return;
+        const size_t left = bytesleft > 0 ? static_cast<size_t>(bytesleft) : 0;
         if (flags & (CURLWS_CLOSE | CURLWS_PING | CURLWS_PONG)) {
+            const size_t size = m_Control.size() + bytes.size() + left;
+            if (size > 125 || (m_Limit != 0 && size > m_Limit)) return Fail();
             m_Control += bytes;
             if (bytesleft == 0) {
                 out.push_back({(flags & CURLWS_CLOSE) ? WS_MSG_CLOSE : WS_MSG_OTHER, m_Control});
@@ -83,9 +131,21 @@ public:
             }
             return;
         }
-        if (!m_InMessage) m_FirstType = DataType(flags);
+        const int frameType = DataType(flags);
+        bool complete = true;
+        if (m_InMessage && m_FrameEnded && frameType != WS_MSG_OTHER && frameType != m_FirstType) {
+            if (m_FirstType == WS_MSG_TEXT && !(Utf8SoFar(m_Message, complete) && complete)) return Fail();
+            out.push_back({m_FirstType, m_Message});
+            m_Message.clear();
+            m_InMessage = false;
+        }
+        m_FrameEnded = bytesleft == 0;
+        if (m_Limit != 0 && m_Message.size() + bytes.size() + left > m_Limit) return Fail();
+        if (!m_InMessage) m_FirstType = frameType;
         m_Message += bytes;
         m_InMessage = (flags & CURLWS_CONT) != 0 || bytesleft != 0;
+        if (m_FirstType == WS_MSG_TEXT && (!Utf8SoFar(m_Message, complete) || (!m_InMessage && !complete)))
+            return Fail();
         if (m_InMessage) return;
         int type = DataType(flags);
         out.push_back({type != WS_MSG_OTHER ? type : m_FirstType, m_Message});
@@ -94,15 +154,30 @@ public:
     std::vector<Message> out;
 
 private:
+    void Fail() { failed = true; }
+
+    size_t m_Limit;
     std::string m_Message;
     std::string m_Control;
     bool m_InMessage = false;
+    bool m_FrameEnded = true;
     int m_FirstType = WS_MSG_OTHER;
+};
+
+// Counts the library's "WS FAIL" lines, its one report of a failed connection.
+class FailCounter : public sysutil::ISysutilLogInterface {
+public:
+    void WriteLog(int*, int*, const char* format, ...) override {
+        if (std::strstr(format, " WS FAIL [") != nullptr) ++fails;
+    }
+    std::atomic<int> fails{0};
 };
 
 struct Fixture {
     std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
     std::shared_ptr<CHttpHandle> handle;
+    std::shared_ptr<IHttpInterface> frame = IHttpInterface::Create();  // deletes failed handles
+    std::shared_ptr<FailCounter> log = std::make_shared<FailCounter>();
 };
 
 Fixture* g_Fixture = nullptr;  // lives for the whole run
@@ -129,28 +204,51 @@ void Settle(Model* model) {
     }
 }
 
+// Armed, never added: the receive path runs as on an open connection. A
+// deleted handle turns idle just after its done function: up to 1 s is given.
+void Arm() {
+    for (int i = 0; g_Fixture->handle->InitHttpReq("ws://127.0.0.1:9/", "fuzz", HTTP_REQ_WEBSOCKET,
+                                                   g_Fixture->recorder, 0, 0, nullptr) != 0; ++i) {
+        if (i == 1000) std::abort();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+// A failed connection holds its close frame until it is deleted.
+void Rearm() {
+    std::promise<void> deleted;
+    g_Fixture->frame->DelHttpReq(g_Fixture->handle, false,
+                                 [&](std::shared_ptr<IHttpHandleInterface>, void*, int) { deleted.set_value(); },
+                                 nullptr);
+    deleted.get_future().wait();
+    if (g_Fixture->handle->GetWsBufferedAmount() != 0) std::abort();
+    Arm();
+}
+
 }  // namespace
 
 extern "C" const struct curl_ws_frame* curl_ws_meta(CURL*) { return &g_Meta; }
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    sysutil::SetLogLevel(100);
-    IHttpInterface::Create();  // libcurl's global set-up
     g_Fixture = new Fixture;
-    g_Fixture->handle = std::dynamic_pointer_cast<CHttpHandle>(IHttpHandleInterface::Create());
-    // Armed, never added: the receive path runs as on an open connection.
-    if (!g_Fixture->handle ||
-        g_Fixture->handle->InitHttpReq("ws://127.0.0.1:9/", "fuzz", HTTP_REQ_WEBSOCKET, g_Fixture->recorder, 0, 0,
-                                       nullptr) != 0)
+    sysutil::ISysutilLogInterface::GetLogInstance(g_Fixture->log);
+    if (g_Fixture->frame->Init(nullptr, false, false, nullptr) != 0 || g_Fixture->frame->Start(true) != 0)
         std::abort();
+    g_Fixture->handle = std::dynamic_pointer_cast<CHttpHandle>(IHttpHandleInterface::Create());
+    if (!g_Fixture->handle) std::abort();
+    Arm();
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size == 0) return 0;
+    const size_t limit = size_t{data[0]} * 8;
+    g_Fixture->handle->SetWsMaxMessageSize(limit);
     Settle(nullptr);
     g_Fixture->recorder->messages.clear();
-    Model model;
-    size_t pos = 0;
+    const int failsBefore = g_Fixture->log->fails.load();
+    Model model(limit);
+    size_t pos = 1;
     while (pos < size) {
         const uint8_t head = data[pos++];
         const int flags = head & 0x7f;
@@ -169,6 +267,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     Settle(&model);
     if (!(g_Fixture->recorder->messages == model.out)) std::abort();
+    if ((g_Fixture->log->fails.load() != failsBefore) != model.failed) std::abort();
     g_Fixture->recorder->messages.clear();
+    if (model.failed) Rearm();
     return 0;
 }
