@@ -223,9 +223,10 @@ public:
     // announces), so a frame announcing more is refused at its first bytes, and
     // the sender's memory is never needed for it. Control frames count too, and
     // so do the messages held together before OnWsState(WS_STATE_OPEN). Past the
-    // limit nothing of the message is delivered: the library sends a close frame
-    // with status 1009, drops the connection, logs one line at level 60 with the
-    // limit and the size seen, and calls OnWsState(WS_STATE_ERROR); GetErrorText
+    // limit nothing of the message is delivered: the library logs one line at
+    // level 60 with the limit and the size seen, sends a close frame with status
+    // 1009, discards what else arrives, closes the connection once the server
+    // has closed it or after 1 s, and calls OnWsState(WS_STATE_ERROR); GetErrorText
     // then reads "message too big (limit 16 MiB, <size> bytes seen)". The same
     // way, text that is not UTF-8 ends it with 1007, and a control frame longer
     // than 125 bytes with 1002 (libcurl 8.14 refuses such a frame itself and

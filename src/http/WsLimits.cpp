@@ -6,9 +6,11 @@
 // soon as its size is known: what is held already plus what the current frame
 // still announces. A message past the limit is refused at its first chunk,
 // before its bytes are kept. Failing a connection means: drop what is held of
-// the message, queue a close frame with the status, and once the libcurl call
-// has returned and the close frame is out (or has had its chance), take the
-// transfer out of the multi handle and tell the application.
+// the message, queue a close frame with the status, discard whatever else
+// arrives, and take the transfer out of the multi handle when the peer has not
+// closed the connection itself within a second; then tell the application.
+// Closing at once would close a socket with unread data, which resets the
+// connection, and a peer busy writing may then never read the close frame.
 #include <cinttypes>
 #include <cstdio>
 #include <string>
@@ -26,8 +28,8 @@ constexpr uint16_t kCloseInvalidData = 1007;
 constexpr uint16_t kCloseTooBig = 1009;
 
 constexpr uint64_t kControlMax = 125;  // payload limit of a control frame
-// How long a failed connection waits for its close frame to get out before the
-// connection is dropped without it (a peer that does not read).
+// How long a failed connection waits for the peer to answer its close frame
+// and close the connection (a peer that does not read never does).
 constexpr uint64_t kFailCloseWaitMs = 1000;
 
 int DataTypeOf(int flags) {
@@ -193,12 +195,16 @@ void CHttpHandle::QueueWsClose(uint16_t code, const char* reason) {
     m_WsOut.push_back({std::move(close), CURLWS_CLOSE, 0});
 }
 
-// True once a failed connection may end: its close frame is out, or it has
-// waited long enough for a peer that does not read.
+// True once a failed connection is to be dropped: the peer had its time to
+// close it. Until then libcurl reads on, the chunks are discarded, and the
+// peer's close ends the transfer through OnWsEnded.
 bool CHttpHandle::FailedWsDone() {
-    if (m_WsOut.empty()) return true;
     std::shared_ptr<CHttpFrame> frame = Frame();
-    return !frame || uv_now(frame->m_Loop.get()) >= m_WsFailDeadlineMs;
+    if (!frame) return true;
+    const uint64_t now = uv_now(frame->m_Loop.get());
+    if (now >= m_WsFailDeadlineMs) return true;
+    if (m_WsOut.empty()) ScheduleWs(m_WsFailDeadlineMs - now);  // else a send retry is due
+    return false;
 }
 
 // Outside libcurl: the failed connection leaves the multi handle, which closes

@@ -16,11 +16,11 @@ The path picks the behaviour:
   /drop               echoes the first message, then drops the TCP connection
                       without a close frame
   /refuse             refuses the upgrade with 403
-  /hostile/<name>     what a peer may do to a client's memory or protocol state
-                      (see HOSTILE); each records how much payload it sent and
-                      the close code the client sent, for
-  /report/<name>      sends "sent=<bytes> code=<close code>" of the last
-                      /hostile/<name> connection once it has ended
+  /hostile/<kind>/<id>  what a peer may do to a client's memory or protocol
+                      state (see hostile()); records how much payload it sent
+                      and the close code the client sent, for
+  /report/<kind>/<id> which sends "sent=<bytes> code=<close code>" of that
+                      connection once it has ended
 """
 import asyncio
 import http
@@ -45,25 +45,25 @@ FRAMES = {
 
 
 async def hostile(ws, name):
-    sent = 0
+    kind, sent = name.split("/")[0], 0
     try:
-        if name in ("endless", "huge"):
+        if kind in ("endless", "huge"):
             # One message that never ends: 1 MiB continuation frames, or one
             # frame announcing 2^40 bytes; 2 GiB at most.
             chunk = b"s" * MIB
-            if name == "huge":
+            if kind == "huge":
                 ws.transport.write(bytes([0x82, 127]) + (1 << 40).to_bytes(8, "big"))
-            while sent < 2048 * MIB:
-                if name == "huge":
+            while sent < 2048 * MIB and ws.open:
+                if kind == "huge":
                     ws.transport.write(chunk)
                     await ws.drain()
                 else:
                     await ws.write_frame(False, OP_CONT if sent else OP_TEXT, chunk)
                 sent += len(chunk)
-        elif name == "deaf":
+        elif kind == "deaf":
             ws.transport.pause_reading()  # never reads what the client sends
             await asyncio.sleep(60)
-        for fin, opcode, payload in FRAMES.get(name, []):
+        for fin, opcode, payload in FRAMES.get(kind, []):
             await ws.write_frame(fin, opcode, payload)
             sent += len(payload)
         await echo(ws)

@@ -1,8 +1,12 @@
 // WebSocket bounds against peers that break them (tests/support/ws_server.py,
 // /hostile/...): an incoming message past the limit, text that is not UTF-8,
 // a fragmented message followed by one of another type, and a server that
-// never reads what the client sends.
+// never reads what the client sends; and how the ws command reports each end.
+#include <sys/wait.h>
+
 #include <cstdio>
+#include <fstream>
+#include <sstream>
 #include <thread>
 
 #include "Kit.h"
@@ -25,7 +29,7 @@ struct ServerReport {
     int code = -1;        // close code it received; -1 for none
 };
 
-// What the server recorded of the last /hostile/<name> connection.
+// What the server recorded of the /hostile/<name> connection.
 ServerReport Report(Frame& frame, const std::string& name) {
     Transfer t(Ws().Url("/report/" + name), HTTP_REQ_WEBSOCKET);
     EXPECT_EQ(frame->AddHttpReq(t.h, true, nullptr, nullptr), 0);
@@ -70,10 +74,12 @@ TEST(WsLimits, PeersPastTheBoundsFailTheConnection) {
         {"utf8-split-good", kDefault, "", {{1, "ab\xe2\x82\xac"}}, 0, ""},
         {"mixed", kDefault, "", {{2, "bin1bin2"}, {1, "text"}}, 0, ""},
     };
+    int id = 0;
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name + " limit " + std::to_string(c.limit));
         log->Clear();
-        Transfer t(Ws().Url("/hostile/" + c.name), HTTP_REQ_WEBSOCKET);
+        const std::string name = c.name + "/" + std::to_string(++id);
+        Transfer t(Ws().Url("/hostile/" + name), HTTP_REQ_WEBSOCKET);
         if (c.limit != kDefault) EXPECT_EQ(t->SetWsMaxMessageSize(c.limit), 0);
         ASSERT_EQ(frame->AddHttpReq(t.h, true, nullptr, nullptr), 0);
         ASSERT_TRUE(t.rec->AwaitState(WS_STATE_OPEN));
@@ -101,7 +107,7 @@ TEST(WsLimits, PeersPastTheBoundsFailTheConnection) {
         EXPECT_EQ(t->SendWsData(Bytes("late"), WS_MSG_TEXT, &sent), 0) << "handed on, and dropped";
         EXPECT_TRUE(Await([&] { return t->GetWsBufferedAmount() == 0; }, "nothing left waiting"));
         EXPECT_EQ(t.Del(frame), 0);
-        const ServerReport r = Report(frame, c.name);
+        const ServerReport r = Report(frame, name);
         EXPECT_EQ(r.code, c.closeCode);
         EXPECT_LE(r.sent, static_cast<long long>(24 * kMiB)) << "the server went on long after the limit";
     }
@@ -113,7 +119,7 @@ TEST(WsLimits, SendBufferBoundAgainstAPeerThatNeverReads) {
     ScopedCaptureLogger log;
     Frame frame;
     const size_t bound = kMiB, piece = 256 * 1024;
-    Transfer t(Ws().Url("/hostile/deaf"), HTTP_REQ_WEBSOCKET);
+    Transfer t(Ws().Url("/hostile/deaf/1"), HTTP_REQ_WEBSOCKET);
     EXPECT_EQ(t->SetWsMaxSendBuffer(bound), 0);
     ASSERT_EQ(frame->AddHttpReq(t.h, true, nullptr, nullptr), 0);
     ASSERT_TRUE(t.rec->AwaitState(WS_STATE_OPEN));
@@ -141,5 +147,43 @@ TEST(WsLimits, SendBufferBoundAgainstAPeerThatNeverReads) {
     EXPECT_EQ(t.Del(frame), 0);
     EXPECT_EQ(t->GetWsBufferedAmount(), 0u) << "what waited was dropped with the connection";
 }
+
+#ifdef NETLOOP_TOOL
+std::string ReadAll(const std::string& path) {
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+// `netloop ws` prints every byte of a message, answers and reports closes,
+// and exits 0 only for a clean close; otherwise it says why.
+TEST(WsLimits, ToolSaysHowTheConversationEnded) {
+    TempDir dir;
+    const std::string out = dir.Path() + "/out", err = dir.Path() + "/err";
+    struct Case {
+        std::string input, path, args;
+        int exit;
+        std::string out, err;
+    };
+    const Case cases[] = {
+        {"x\\0y\\nnext\\n", "/echo", "", 0, std::string("[text] x\0y\n[text] next\n[close] 1000", 35), ""},
+        {"", "/close/1001/away", "", 0, "[close] 1001 away", ""},
+        {"", "/close/1011/broken", "", 1, "[close] 1011 broken", "closed with 1011 broken"},
+        {"", "/refuse", "", 1, "", "upgrade refused: HTTP 403"},
+        {"hi\\n", "/drop", "", 1, "[text] hi", "connection lost without a close frame"},
+        {"x\\n", "/hostile/endless/tool", "--max-message 1M", 1, "", "message too big (limit 1 MiB, "},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.path);
+        const std::string cmd = "printf '" + c.input + "' | " NETLOOP_TOOL " ws " + Ws().Url(c.path) + " " + c.args +
+                                " >" + out + " 2>" + err;
+        const int status = std::system(cmd.c_str());
+        ASSERT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(WEXITSTATUS(status), c.exit) << ReadAll(err);
+        EXPECT_NE(ReadAll(out).find(c.out), std::string::npos) << ReadAll(out);
+        EXPECT_NE(ReadAll(err).find(c.err), std::string::npos) << ReadAll(err);
+    }
+}
+#endif
 
 }  // namespace
