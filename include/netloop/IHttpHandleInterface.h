@@ -103,7 +103,9 @@ public:
     // Handles armed with HTTP_REQ_WEBSOCKET only, once per event, outside libcurl
     // (DelHttpReq may run at once from here): WS_STATE_OPEN when the upgrade
     // completed, before the connection's first OnWsData; WS_STATE_FAILED when the
-    // transfer ended before that; WS_STATE_CLOSED when an open connection ended.
+    // transfer ended before that; WS_STATE_CLOSED when an open connection ended;
+    // WS_STATE_ERROR when the library failed it (a bound of SetWsMaxMessageSize,
+    // or text that is not UTF-8; GetErrorText says which).
     // Not called when the application ended the transfer itself with DelHttpReq or
     // Disconnect. An end that libcurl reports is logged in place of an HTTP
     // transfer's DONE line as "[NETLOOP]<url> WS END result[<CURLcode>:<text>]",
