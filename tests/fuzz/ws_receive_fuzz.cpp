@@ -1,48 +1,23 @@
-// The WebSocket receive path: arbitrary sequences of chunks, each with
-// arbitrary frame metadata (flags, bytes left of the frame, length), through
-// the handle's libcurl write callback. No crash, no read outside a chunk, and
-// the messages the notice hears are exactly those of a plain model of the
-// receive rules, byte for byte and in order:
-//   - a control frame (close, ping, pong) collects its chunks until no bytes
-//     are left of it and is delivered alone, as type 3 for a close and 0
-//     otherwise, also in the middle of a fragmented data message;
-//   - a data message collects the chunks of its frames until a chunk that
-//     ends a frame (no bytes left) without the continuation flag; it takes
-//     the type of that last frame, or of its first frame when the last one
-//     names none; a frame of the other data type that begins while a message
-//     is open ends that message first, as the type it began with;
-//   - the connection fails, and from then on nothing more is delivered, when
-//     a message (what is held plus what its frame still announces) passes the
-//     input's limit, a control frame passes 125 bytes, or a text message stops
-//     being the beginning of valid UTF-8 or ends inside a character.
-//
-// libcurl hands the metadata of the chunk being written out through
-// curl_ws_meta. This program defines that function itself, so its definition
-// takes the place of libcurl's for the handle's code linked in here, and each
-// chunk carries the metadata the input chose.
-//
-// Input: one byte for the message limit (0: none, else 8 times the byte), then
-// records of
-//   byte 0      bits 0-6: CURLWS_* flags as they are; bit 7: bytes-left follows
-//   [2 bytes]   bytes left of the frame after this chunk, signed 16-bit little endian
-//   1 byte      chunk length (cut to what the input still has)
-//   ...         the chunk
-//
-// One handle serves the whole run. Before and after every input two empty
-// chunks that end a data message and a control frame bring the handle to its
-// rest state; what they deliver is compared too, so bytes of an unfinished
-// message at the end of an input must come out whole. A failed handle is
-// deleted through a frame and armed again.
+// The WebSocket receive path: chunks with arbitrary frame metadata (flags,
+// bytes left of the frame, length) through the handle's libcurl write
+// callback. No crash, no read outside a chunk, and the notice hears exactly
+// the messages of the plain model below, byte for byte and in order. This
+// program defines curl_ws_meta itself, so each chunk carries the metadata the
+// input chose. Input records: byte 0 = CURLWS_* flags (bit 7: a signed 16-bit
+// little-endian bytes-left follows), then 1 byte of chunk length, the chunk.
+// Two empty chunks that end a data message and a control frame settle the
+// handle before and after every input; what they deliver is compared too.
+// The input's first byte sets the message limit (0 none, else 8 times it); the
+// model says exactly when the connection fails, after which nothing more comes,
+// and a failed handle is deleted through a frame and armed again.
 #include <curl/curl.h>
 
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <future>
 #include <memory>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "http/HttpHandle.h"
@@ -53,31 +28,22 @@ using namespace netloop;
 
 namespace {
 
+using Messages = std::vector<std::pair<int, std::string>>;  // type, bytes
 curl_ws_frame g_Meta;  // the metadata of the chunk being written
 
-struct Message {
-    int type;
-    std::string bytes;
-    bool operator==(const Message& o) const { return type == o.type && bytes == o.bytes; }
-};
-
-class Recorder : public IHttpHandleNotic {
-public:
+struct Recorder : IHttpHandleNotic {
+    Messages messages;
     void OnWsData(const char* data, size_t length, int type, void*) override {
         if (length != 0 && data == nullptr) std::abort();
-        // Reads every byte: a pointer past the chunk shows up here.
-        messages.push_back({type, std::string(data != nullptr ? data : "", length)});
+        messages.emplace_back(type, std::string(data ? data : "", length));  // reads every byte
     }
     void OnProgress(const char*, const char*, curl_off_t, curl_off_t, curl_off_t, curl_off_t, void*) override {}
     size_t OnUploadRead(std::shared_ptr<IHttpHandleInterface>, char*, size_t, size_t, void*) override { return 0; }
     void OnFinish(std::shared_ptr<IHttpHandleInterface>, int, void*) override { std::abort(); }
-    std::vector<Message> messages;
 };
 
 int DataType(int flags) {
-    if (flags & CURLWS_BINARY) return WS_MSG_BINARY;
-    if (flags & CURLWS_TEXT) return WS_MSG_TEXT;
-    return WS_MSG_OTHER;
+    return flags & CURLWS_BINARY ? WS_MSG_BINARY : flags & CURLWS_TEXT ? WS_MSG_TEXT : WS_MSG_OTHER;
 }
 
 // Length of the valid UTF-8 character at s[i], or 0. Decodes the value and
@@ -95,9 +61,9 @@ size_t CharAt(const std::string& s, size_t i) {
     return v < kLeast[n] || v > 0x10FFFF || (v >= 0xD800 && v <= 0xDFFF) ? 0 : n;
 }
 
-// Whether text that may still go on can become valid; `complete` when it is
-// valid as it stands. A character cut at the end can be completed when its
-// smallest or largest completion is valid.
+// Whether text that may go on can still become valid (a character cut at the
+// end can when its smallest or largest completion is valid); `complete` when
+// it is valid as it stands.
 bool Utf8SoFar(const std::string& s, bool& complete) {
     size_t i = 0;
     for (size_t n; i < s.size() && (n = CharAt(s, i)) != 0;) i += n;
@@ -106,98 +72,84 @@ bool Utf8SoFar(const std::string& s, bool& complete) {
     const uint8_t c = s[i];
     const size_t want = (c & 0xE0) == 0xC0 ? 2 : (c & 0xF0) == 0xE0 ? 3 : (c & 0xF8) == 0xF0 ? 4 : 0;
     const size_t have = s.size() - i;
-    if (want <= have) return false;
-    return CharAt(s.substr(i) + std::string(want - have, '\x80'), 0) == want ||
-           CharAt(s.substr(i) + std::string(want - have, '\xBF'), 0) == want;
+    return want > have && (CharAt(s.substr(i) + std::string(want - have, '\x80'), 0) == want ||
+                           CharAt(s.substr(i) + std::string(want - have, '\xBF'), 0) == want);
 }
 
-// The receive rules, written plainly.
-class Model {
-public:
-    explicit Model(size_t limit) : m_Limit(limit) {}
-    bool failed = false;
-
+// The receive rules, written plainly: a control frame collects its chunks and
+// comes alone (close as 3, else 0), also inside a fragmented message; a data
+// message ends with a frame without CONT and no bytes left, and takes the type
+// of that frame, or of its first frame when the last names none; a frame of
+// the other data type ends an open message first. The connection fails when a
+// message (held plus announced) passes the limit, a control frame 125 bytes,
+// or text stops being the start of valid UTF-8 or ends inside a character.
+struct Model {
+    Messages out;
+    std::string message, control;
+    bool inMessage = false, frameEnded = true, failed = false;
+    int firstType = WS_MSG_OTHER;
+    size_t limit = 0;
+    bool TextFails(bool ends) {
+        bool complete = false;
+        return firstType == WS_MSG_TEXT && (!Utf8SoFar(message, complete) || (ends && !complete));
+    }
     void Chunk(const std::string& bytes, int flags, curl_off_t bytesleft) {
-        if (failed) return;
         const size_t left = bytesleft > 0 ? static_cast<size_t>(bytesleft) : 0;
+        if (failed) return;
         if (flags & (CURLWS_CLOSE | CURLWS_PING | CURLWS_PONG)) {
-            const size_t size = m_Control.size() + bytes.size() + left;
-            if (size > 125 || (m_Limit != 0 && size > m_Limit)) return Fail();
-            m_Control += bytes;
-            if (bytesleft == 0) {
-                out.push_back({(flags & CURLWS_CLOSE) ? WS_MSG_CLOSE : WS_MSG_OTHER, m_Control});
-                m_Control.clear();
-            }
+            const size_t size = control.size() + bytes.size() + left;
+            if (size > 125 || (limit != 0 && size > limit)) failed = true;
+            if (failed) return;
+            control += bytes;
+            if (bytesleft == 0) out.emplace_back(flags & CURLWS_CLOSE ? WS_MSG_CLOSE : WS_MSG_OTHER, control);
+            if (bytesleft == 0) control.clear();
             return;
         }
-        const int frameType = DataType(flags);
-        bool complete = true;
-        if (m_InMessage && m_FrameEnded && frameType != WS_MSG_OTHER && frameType != m_FirstType) {
-            if (m_FirstType == WS_MSG_TEXT && !(Utf8SoFar(m_Message, complete) && complete)) return Fail();
-            out.push_back({m_FirstType, m_Message});
-            m_Message.clear();
-            m_InMessage = false;
+        const int type = DataType(flags);
+        if (inMessage && frameEnded && type != WS_MSG_OTHER && type != firstType) {
+            if ((failed = TextFails(true))) return;
+            out.emplace_back(firstType, message);
+            message.clear();
+            inMessage = false;
         }
-        m_FrameEnded = bytesleft == 0;
-        if (m_Limit != 0 && m_Message.size() + bytes.size() + left > m_Limit) return Fail();
-        if (!m_InMessage) m_FirstType = frameType;
-        m_Message += bytes;
-        m_InMessage = (flags & CURLWS_CONT) != 0 || bytesleft != 0;
-        if (m_FirstType == WS_MSG_TEXT && (!Utf8SoFar(m_Message, complete) || (!m_InMessage && !complete)))
-            return Fail();
-        if (m_InMessage) return;
-        int type = DataType(flags);
-        out.push_back({type != WS_MSG_OTHER ? type : m_FirstType, m_Message});
-        m_Message.clear();
+        frameEnded = bytesleft == 0;
+        if ((failed = limit != 0 && message.size() + bytes.size() + left > limit)) return;
+        if (!inMessage) firstType = type;
+        message += bytes;
+        inMessage = (flags & CURLWS_CONT) != 0 || bytesleft != 0;
+        if ((failed = TextFails(!inMessage)) || inMessage) return;
+        out.emplace_back(DataType(flags) != WS_MSG_OTHER ? DataType(flags) : firstType, message);
+        message.clear();
     }
-    std::vector<Message> out;
-
-private:
-    void Fail() { failed = true; }
-
-    size_t m_Limit;
-    std::string m_Message;
-    std::string m_Control;
-    bool m_InMessage = false;
-    bool m_FrameEnded = true;
-    int m_FirstType = WS_MSG_OTHER;
 };
 
-struct Fixture {
-    std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
-    std::shared_ptr<CHttpHandle> handle;
-    std::shared_ptr<IHttpInterface> frame = IHttpInterface::Create();  // deletes failed handles
-};
+std::shared_ptr<Recorder> g_Recorder;
+std::shared_ptr<CHttpHandle> g_Handle;  // armed, never added: receives as on an open connection
+std::shared_ptr<IHttpInterface> g_Frame;  // deletes failed handles
 
-Fixture* g_Fixture = nullptr;  // lives for the whole run
-
-// One chunk through the write callback, from a buffer of exactly its size.
-void Write(const uint8_t* bytes, size_t len, int flags, curl_off_t bytesleft) {
+// One chunk through the write callback, from a buffer of exactly its size, and
+// through the model.
+void Feed(const uint8_t* bytes, size_t len, int flags, curl_off_t bytesleft, Model* model) {
     std::unique_ptr<char[]> chunk(new char[len]);
     if (len != 0) std::memcpy(chunk.get(), bytes, len);
-    std::memset(&g_Meta, 0, sizeof(g_Meta));
+    g_Meta = curl_ws_frame{};
     g_Meta.flags = flags;
     g_Meta.bytesleft = bytesleft;
     g_Meta.len = len;
-    size_t taken = CHttpHandle::CurlWriteCallback(chunk.get(), 1, len, &g_Fixture->handle);
-    if (taken != len) std::abort();
+    if (CHttpHandle::CurlWriteCallback(chunk.get(), 1, len, &g_Handle) != len) std::abort();
+    if (model) model->Chunk(std::string(chunk.get(), len), flags, bytesleft);
 }
 
 // Ends whatever data message and control frame the handle holds.
 void Settle(Model* model) {
-    Write(nullptr, 0, CURLWS_TEXT, 0);
-    Write(nullptr, 0, CURLWS_PONG, 0);
-    if (model != nullptr) {
-        model->Chunk({}, CURLWS_TEXT, 0);
-        model->Chunk({}, CURLWS_PONG, 0);
-    }
+    Feed(nullptr, 0, CURLWS_TEXT, 0, model);
+    Feed(nullptr, 0, CURLWS_PONG, 0, model);
 }
 
-// Armed, never added: the receive path runs as on an open connection. A
-// deleted handle turns idle just after its done function: up to 1 s is given.
+// A deleted handle turns idle just after its done function: 1 s is given.
 void Arm() {
-    for (int i = 0; g_Fixture->handle->InitHttpReq("ws://127.0.0.1:9/", "fuzz", HTTP_REQ_WEBSOCKET,
-                                                   g_Fixture->recorder, 0, 0, nullptr) != 0; ++i) {
+    for (int i = 0; g_Handle->InitHttpReq("ws://127.0.0.1:9/", "fuzz", HTTP_REQ_WEBSOCKET, g_Recorder, 0, 0, nullptr);
+         ++i) {
         if (i == 1000) std::abort();
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
@@ -205,13 +157,12 @@ void Arm() {
 
 // A failed connection holds its close frame, which never leaves a handle that
 // was not added, until it is deleted.
-bool Failed() { return g_Fixture->handle->GetWsBufferedAmount() != 0; }
+bool Failed() { return g_Handle->GetWsBufferedAmount() != 0; }
 
 void Rearm() {
     std::promise<void> deleted;
-    g_Fixture->frame->DelHttpReq(g_Fixture->handle, false,
-                                 [&](std::shared_ptr<IHttpHandleInterface>, void*, int) { deleted.set_value(); },
-                                 nullptr);
+    g_Frame->DelHttpReq(g_Handle, false, [&](std::shared_ptr<IHttpHandleInterface>, void*, int) { deleted.set_value(); },
+                        nullptr);
     deleted.get_future().wait();
     if (Failed()) std::abort();
     Arm();
@@ -223,26 +174,24 @@ extern "C" const struct curl_ws_frame* curl_ws_meta(CURL*) { return &g_Meta; }
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     sysutil::SetLogLevel(100);
-    g_Fixture = new Fixture;
-    if (g_Fixture->frame->Init(nullptr, false, false, nullptr) != 0 || g_Fixture->frame->Start(true) != 0)
-        std::abort();
-    g_Fixture->handle = std::dynamic_pointer_cast<CHttpHandle>(IHttpHandleInterface::Create());
-    if (!g_Fixture->handle) std::abort();
+    g_Frame = IHttpInterface::Create();
+    if (g_Frame->Init(nullptr, false, false, nullptr) != 0 || g_Frame->Start(true) != 0) std::abort();
+    g_Recorder = std::make_shared<Recorder>();
+    g_Handle = std::dynamic_pointer_cast<CHttpHandle>(IHttpHandleInterface::Create());
+    if (!g_Handle) std::abort();
     Arm();
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) return 0;
-    const size_t limit = size_t{data[0]} * 8;
-    g_Fixture->handle->SetWsMaxMessageSize(limit);
+    Model model;
+    model.limit = size_t{data[0]} * 8;
+    g_Handle->SetWsMaxMessageSize(model.limit);
     Settle(nullptr);
-    g_Fixture->recorder->messages.clear();
-    Model model(limit);
-    size_t pos = 1;
-    while (pos < size) {
+    g_Recorder->messages.clear();
+    for (size_t pos = 1; pos < size;) {
         const uint8_t head = data[pos++];
-        const int flags = head & 0x7f;
         curl_off_t bytesleft = 0;
         if (head & 0x80) {
             if (size - pos < 2) break;
@@ -250,16 +199,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             pos += 2;
         }
         if (pos >= size) break;
-        size_t len = data[pos++];
-        if (len > size - pos) len = size - pos;
-        Write(data + pos, len, flags, bytesleft);
-        model.Chunk(std::string(reinterpret_cast<const char*>(data + pos), len), flags, bytesleft);
+        const size_t len = std::min<size_t>(data[pos++], size - pos);
+        Feed(data + pos, len, head & 0x7f, bytesleft, &model);
         pos += len;
     }
     Settle(&model);
-    if (!(g_Fixture->recorder->messages == model.out)) std::abort();
-    if (Failed() != model.failed) std::abort();
-    g_Fixture->recorder->messages.clear();
+    if (g_Recorder->messages != model.out || Failed() != model.failed) std::abort();
     if (model.failed) Rearm();
     return 0;
 }

@@ -75,6 +75,20 @@ TEST(Http, OutcomesReachOnFinishAndTheLog) {
     }
 }
 
+// A name the process resolver has at hand is pinned to its address: libcurl
+// itself could not resolve it.
+TEST(Http, NameAtHandIsPinned) {
+    Frame frame;
+    Server().WriteFile("/pinned", "pinned\n");
+    auto previous = IHostseekInterface::GetHostseekInstance(3, nullptr);
+    IHostseekInterface::GetHostseekInstance(3, std::make_shared<ScriptedResolver>(0, "127.0.0.1", true));
+    Transfer t("http://pinned.test:" + std::to_string(Server().HttpPort()) + "/pinned");
+    IHostseekInterface::GetHostseekInstance(3, previous);
+    ASSERT_EQ(t.Run(frame), 0);
+    EXPECT_EQ(t->GetResponse(), "pinned\n");
+    t.Del(frame);
+}
+
 // Bodies: POST and PUT (known size and chunked) come back whole from the echo
 // peer, a dav PUT reads back from nginx, and a response goes to memory, to a
 // file or to memory again when the file cannot be opened.
@@ -193,7 +207,7 @@ TEST(Http, ConcurrentTransfersOverTls) {
                 ASSERT_EQ(frame->AddHttpReq(ts.back()->h, true, nullptr, nullptr), 0);
             }
             for (int i = 0; i < 24; ++i) {
-                ASSERT_TRUE(ts[i]->rec->AwaitFinish()) << "transfer " << i;
+                ASSERT_TRUE(Await([&] { return !ts[i]->rec->Get(&Recorder::finishes).empty(); }, "OnFinish " + std::to_string(i)));
                 EXPECT_EQ(ts[i]->rec->Get(&Recorder::finishes), std::vector<int>{0});
                 EXPECT_TRUE((*ts[i])->GetResponse() == Pattern(1000 + (i % 8) * 5000)) << "transfer " << i;
                 ts[i]->Del(frame);
