@@ -20,10 +20,6 @@ WsServer& Ws() {
     return server;
 }
 
-std::shared_ptr<std::vector<uint8_t>> Bytes(const std::string& s) {
-    return std::make_shared<std::vector<uint8_t>>(s.begin(), s.end());
-}
-
 struct ServerReport {
     long long sent = -1;  // payload bytes the server wrote
     int code = -1;        // close code it received; -1 for none
@@ -35,7 +31,7 @@ ServerReport Report(Frame& frame, const std::string& name) {
     EXPECT_EQ(frame->AddHttpReq(t.h, true, nullptr, nullptr), 0);
     ServerReport r;
     if (t.rec->AwaitMessages(1)) {
-        const std::string text = t.rec->Get(&Recorder::messages)[0].data;
+        const std::string text = t.rec->Get(&Recorder::messages)[0].second;
         if (std::sscanf(text.c_str(), "sent=%lld code=%d", &r.sent, &r.code) != 2) ADD_FAILURE() << text;
     }
     t.Del(frame);
@@ -92,8 +88,8 @@ TEST(WsLimits, PeersPastTheBoundsFailTheConnection) {
             ASSERT_TRUE(t.rec->AwaitMessages(c.want.size() + 1));
             auto got = t.rec->Get(&Recorder::messages);
             for (size_t i = 0; i < c.want.size(); ++i) {
-                EXPECT_EQ(got[i].type, c.want[i].first) << "message " << i;
-                EXPECT_TRUE(got[i].data == c.want[i].second) << "message " << i << ": " << got[i].data.size() << " bytes";
+                EXPECT_EQ(got[i].first, c.want[i].first) << "message " << i;
+                EXPECT_TRUE(got[i].second == c.want[i].second) << "message " << i << ": " << got[i].second.size() << " bytes";
             }
             EXPECT_EQ(t.rec->Get(&Recorder::states), std::vector<int>{WS_STATE_OPEN});
             EXPECT_EQ(t.Del(frame), 0);
