@@ -56,6 +56,10 @@ std::string SizeText(uint64_t bytes) {
     return text;
 }
 
+std::string TooBigText(size_t limit, uint64_t size) {
+    return "message too big (limit " + SizeText(limit) + ", " + std::to_string(size) + " bytes seen)";
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -106,8 +110,7 @@ bool CHttpHandle::AdmitWsControl(size_t len, curl_off_t bytesleft) {
         return FailWs(kCloseProtocolError, "protocol error",
                       "control frame too long (" + std::to_string(size) + " bytes, at most 125)");
     if (m_WsMaxMessage != 0 && size > m_WsMaxMessage)
-        return FailWs(kCloseTooBig, "message too big",
-                      "message too big (limit " + SizeText(m_WsMaxMessage) + ", " + std::to_string(size) + " bytes seen)");
+        return FailWs(kCloseTooBig, "message too big", TooBigText(m_WsMaxMessage, size));
     return true;
 }
 
@@ -126,8 +129,7 @@ bool CHttpHandle::AdmitWsData(const char* data, size_t len, int flags, curl_off_
         for (const WsEarlyMessage& msg : m_WsEarly) held += msg.bytes.size();
     const uint64_t size = AnnouncedSize(held, len, bytesleft);
     if (m_WsMaxMessage != 0 && size > m_WsMaxMessage)
-        return FailWs(kCloseTooBig, "message too big",
-                      "message too big (limit " + SizeText(m_WsMaxMessage) + ", " + std::to_string(size) + " bytes seen)");
+        return FailWs(kCloseTooBig, "message too big", TooBigText(m_WsMaxMessage, size));
     const int type = m_WsInMessage ? m_WsMessageType : frameType;
     const bool ends = !(flags & CURLWS_CONT) && bytesleft == 0;
     if (type == WS_MSG_TEXT && (!m_WsUtf8.Feed(data, len) || (ends && !m_WsUtf8.Complete())))
