@@ -16,11 +16,8 @@ The path picks the behaviour:
   /drop               echoes the first message, then drops the TCP connection
                       without a close frame
   /refuse             refuses the upgrade with 403
-  /hostile/<kind>/<id>  what a peer may do to a client's memory or protocol
-                      state (see hostile()); records how much payload it sent
-                      and the close code the client sent, for
-  /report/<kind>/<id> which sends "sent=<bytes> code=<close code>" of that
-                      connection once it has ended
+  /hostile/<kind>/<id>  a peer breaking a client's bounds (see hostile());
+  /report/<kind>/<id>   then sends "sent=<payload bytes> code=<client's close code>"
 """
 import asyncio
 import http
@@ -77,10 +74,9 @@ async def hostile(ws, name):
 
 
 async def report(ws, name):
-    for _ in range(200):
-        if name in RESULTS:
-            break
-        await asyncio.sleep(0.05)
+    for _ in range(200):  # the hostile connection may still be closing
+        if name not in RESULTS:
+            await asyncio.sleep(0.05)
     await ws.send(RESULTS.pop(name, "none"))
 
 

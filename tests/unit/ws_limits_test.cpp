@@ -1,12 +1,8 @@
 // WebSocket bounds against peers that break them (tests/support/ws_server.py,
 // /hostile/...): an incoming message past the limit, text that is not UTF-8,
 // a fragmented message followed by one of another type, and a server that
-// never reads what the client sends; and how the ws command reports each end.
-#include <sys/wait.h>
-
+// never reads what the client sends.
 #include <cstdio>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
 #include "Kit.h"
@@ -143,43 +139,5 @@ TEST(WsLimits, SendBufferBoundAgainstAPeerThatNeverReads) {
     EXPECT_EQ(t.Del(frame), 0);
     EXPECT_EQ(t->GetWsBufferedAmount(), 0u) << "what waited was dropped with the connection";
 }
-
-#ifdef NETLOOP_TOOL
-std::string ReadAll(const std::string& path) {
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
-
-// `netloop ws` prints every byte of a message, answers and reports closes,
-// and exits 0 only for a clean close; otherwise it says why.
-TEST(WsLimits, ToolSaysHowTheConversationEnded) {
-    TempDir dir;
-    const std::string out = dir.Path() + "/out", err = dir.Path() + "/err";
-    struct Case {
-        std::string input, path, args;
-        int exit;
-        std::string out, err;
-    };
-    const Case cases[] = {
-        {"x\\0y\\nnext\\n", "/echo", "", 0, std::string("[text] x\0y\n[text] next\n[close] 1000", 35), ""},
-        {"", "/close/1001/away", "", 0, "[close] 1001 away", ""},
-        {"", "/close/1011/broken", "", 1, "[close] 1011 broken", "closed with 1011 broken"},
-        {"", "/refuse", "", 1, "", "upgrade refused: HTTP 403"},
-        {"hi\\n", "/drop", "", 1, "[text] hi", "connection lost without a close frame"},
-        {"x\\n", "/hostile/endless/tool", "--max-message 1M", 1, "", "message too big (limit 1 MiB, "},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.path);
-        const std::string cmd = "printf '" + c.input + "' | " NETLOOP_TOOL " ws " + Ws().Url(c.path) + " " + c.args +
-                                " >" + out + " 2>" + err;
-        const int status = std::system(cmd.c_str());
-        ASSERT_TRUE(WIFEXITED(status));
-        EXPECT_EQ(WEXITSTATUS(status), c.exit) << ReadAll(err);
-        EXPECT_NE(ReadAll(out).find(c.out), std::string::npos) << ReadAll(out);
-        EXPECT_NE(ReadAll(err).find(c.err), std::string::npos) << ReadAll(err);
-    }
-}
-#endif
 
 }  // namespace
