@@ -1,15 +1,13 @@
-// The WebSocket receive path: chunks with arbitrary frame metadata (flags,
-// bytes left of the frame, length) through the handle's libcurl write
-// callback. No crash, no read outside a chunk, and the notice hears exactly
-// the messages of the plain model below, byte for byte and in order. This
-// program defines curl_ws_meta itself, so each chunk carries the metadata the
-// input chose. Input records: byte 0 = CURLWS_* flags (bit 7: a signed 16-bit
-// little-endian bytes-left follows), then 1 byte of chunk length, the chunk.
-// Two empty chunks that end a data message and a control frame settle the
-// handle before and after every input; what they deliver is compared too.
-// The input's first byte sets the message limit (0 none, else 8 times it); the
-// model says exactly when the connection fails, after which nothing more comes,
-// and a failed handle is deleted through a frame and armed again.
+// The WebSocket receive path: chunks with arbitrary frame metadata through the
+// handle's libcurl write callback (this program defines curl_ws_meta, so each
+// chunk carries what the input chose). No crash, no read outside a chunk, and
+// the notice hears exactly the messages of the model below, in order. Input: a
+// byte for the message limit (0 none, else 8 times it), then records of
+// CURLWS_* flags (bit 7: a signed 16-bit LE bytes-left follows), a length
+// byte, the chunk. Two empty chunks ending a data message and a control frame
+// settle the handle before and after each input; they are compared too. The
+// model says exactly when the connection fails; a failed handle is deleted
+// through a frame and armed again.
 #include <curl/curl.h>
 
 #include <cstdlib>

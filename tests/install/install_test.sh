@@ -11,9 +11,9 @@ cmake --install "$build_dir" --prefix "$work/prefix" >/dev/null
 libdir=$(find "$work/prefix" -name 'libnetloop.so*' -printf '%h\n' | head -n 1)
 
 cmake -S "$source_dir/tests/install/consumer" -B "$work/cmake-build" \
-      -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
+      -DCMAKE_PREFIX_PATH="$work/prefix" -DEXAMPLE="$source_dir/examples/repeating_timer.cpp" >/dev/null
 cmake --build "$work/cmake-build" >/dev/null
-LD_LIBRARY_PATH="$libdir" "$work/cmake-build/consumer"
+LD_LIBRARY_PATH="$libdir" "$work/cmake-build/consumer" >/dev/null
 
 # One of the examples, built the plain way an application would build it.
 export PKG_CONFIG_PATH="$libdir/pkgconfig"

@@ -1,6 +1,6 @@
-// A logger for tests: installed as the process's logger for its lifetime, it
-// keeps every line with its level so tests can assert the exact words the
-// library writes. NETLOOP_TEST_ECHO=1 also prints the lines.
+// A logger for tests: installed as the process's logger for the lifetime of a
+// ScopedCaptureLogger, it keeps every line with its level so tests can assert
+// the exact words the library writes. NETLOOP_TEST_ECHO=1 also prints them.
 #pragma once
 
 #include <cstdarg>
@@ -24,16 +24,14 @@ public:
         std::vsnprintf(text, sizeof text, format, args);
         va_end(args);
         std::lock_guard<std::mutex> lock(m_Mutex);
-        if (m_Echo) std::fprintf(stderr, "[log %d] %s\n", level ? *level : 0, text);
+        if (std::getenv("NETLOOP_TEST_ECHO")) std::fprintf(stderr, "[log %d] %s\n", level ? *level : 0, text);
         m_Lines.emplace_back(level ? *level : 0, text);
     }
-    // Lines equal to `text` (or containing it, with `whole` false) at `level`
-    // (any level for -1).
+    // Lines equal to `text` (containing it, with `whole` false) at `level` (-1: any).
     size_t Count(const std::string& text, int level = -1, bool whole = true) const {
         std::lock_guard<std::mutex> lock(m_Mutex);
         size_t n = 0;
-        for (const auto& [l, t] : m_Lines)
-            n += (level < 0 || l == level) && (whole ? t == text : t.find(text) != std::string::npos);
+        for (const auto& [l, t] : m_Lines) n += (level < 0 || l == level) && (whole ? t == text : t.find(text) != t.npos);
         return n;
     }
     size_t CountContaining(const std::string& part, int level = -1) const { return Count(part, level, false); }
@@ -46,7 +44,6 @@ public:
 private:
     mutable std::mutex m_Mutex;
     std::vector<std::pair<int, std::string>> m_Lines;
-    const bool m_Echo = std::getenv("NETLOOP_TEST_ECHO") && *std::getenv("NETLOOP_TEST_ECHO") == '1';
 };
 
 class ScopedCaptureLogger {

@@ -1,6 +1,7 @@
 #include "support/Servers.h"
 
 #include <arpa/inet.h>
+#include <netdb.h>
 #include <fcntl.h>
 #include <ftw.h>
 #include <poll.h>
@@ -26,13 +27,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 const char* const kPython = "/usr/bin/python3";
 
-std::string ReadAll(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
-
 void WriteAll(const std::string& path, const std::string& content) {
     for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1))
         mkdir(path.substr(0, slash).c_str(), 0755);
@@ -40,51 +34,58 @@ void WriteAll(const std::string& path, const std::string& content) {
     if (!(out << content).flush()) throw std::runtime_error("cannot write " + path);
 }
 
-// A socket of `type` on `host`:`port`, bound (port 0: any) or connected.
+// A socket of `type` bound to (port 0: any free port) or connected to host:port.
 int Socket(const std::string& host, uint16_t port, int type, bool connectIt, uint16_t* boundPort = nullptr) {
-    sockaddr_storage s{};
-    socklen_t len = sizeof(sockaddr_in);
-    auto* a4 = reinterpret_cast<sockaddr_in*>(&s);
-    auto* a6 = reinterpret_cast<sockaddr_in6*>(&s);
-    if (host.find(':') != std::string::npos) {
-        a6->sin6_family = AF_INET6;
-        a6->sin6_port = htons(port);
-        inet_pton(AF_INET6, host.c_str(), &a6->sin6_addr);
-        len = sizeof *a6;
-    } else {
-        a4->sin_family = AF_INET;
-        a4->sin_port = htons(port);
-        inet_pton(AF_INET, host.c_str(), &a4->sin_addr);
+    addrinfo hints{}, *ai = nullptr;
+    hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
+    hints.ai_socktype = type;
+    if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &ai) != 0) return -1;
+    int fd = socket(ai->ai_family, type | SOCK_CLOEXEC, 0);
+    if (fd >= 0 && (connectIt ? connect(fd, ai->ai_addr, ai->ai_addrlen) : bind(fd, ai->ai_addr, ai->ai_addrlen)) == 0) {
+        sockaddr_in6 a{};  // the port has the same place in both families
+        socklen_t len = sizeof a;
+        if (boundPort && getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0) *boundPort = ntohs(a.sin6_port);
+    } else if (fd >= 0) {
+        close(fd);
+        fd = -1;
     }
-    int fd = socket(s.ss_family, type | SOCK_CLOEXEC, 0);
-    auto* sa = reinterpret_cast<sockaddr*>(&s);
-    if (fd >= 0 && (connectIt ? connect(fd, sa, len) : bind(fd, sa, len)) == 0) {
-        if (boundPort && getsockname(fd, sa, &len) == 0) *boundPort = ntohs(a4->sin_port);  // same offset in both
-        return fd;
-    }
-    if (fd >= 0) close(fd);
-    return -1;
+    freeaddrinfo(ai);
+    return fd;
 }
 
-bool Accepts(const std::string& host, uint16_t port) {
-    int fd = Socket(host, port, SOCK_STREAM, true);
-    if (fd >= 0) close(fd);
-    return fd >= 0;
-}
-
-bool Echoes(const std::string& host, uint16_t port) {
-    int fd = Socket(host, port, SOCK_DGRAM, true);
+// A TCP connect succeeds, or a UDP probe comes back.
+bool Answers(const std::string& host, uint16_t port, int type) {
+    int fd = Socket(host, port, type, true);
     char buf[8];
     pollfd p{fd, POLLIN, 0};
-    bool ok = fd >= 0 && send(fd, "probe", 5, 0) == 5 && poll(&p, 1, 200) == 1 && recv(fd, buf, sizeof buf, 0) == 5;
+    bool ok = fd >= 0 && (type == SOCK_STREAM || (send(fd, "probe", 5, 0) == 5 && poll(&p, 1, 200) == 1 &&
+                                                  recv(fd, buf, sizeof buf, 0) == 5));
     if (fd >= 0) close(fd);
     return ok;
 }
 
 std::string UrlHost(const std::string& host) { return host.find(':') != std::string::npos ? "[" + host + "]" : host; }
 std::string HostOf(Loopback l) { return l == Loopback::V6 ? "::1" : "127.0.0.1"; }
+std::string MakeUrl(const char* scheme, const std::string& host, uint16_t port, const std::string& path) {
+    return scheme + ("://" + UrlHost(host)) + ":" + std::to_string(port) + path;
+}
+
+// A python server of tests/support that prints "<key> <port>" lines.
+std::unique_ptr<ChildProcess> Python(const char* script, const std::string& host, const TempDir& dir,
+                                     std::vector<std::string> more = {}) {
+    std::vector<std::string> argv{kPython, NETLOOP_TEST_SUPPORT_DIR + std::string("/") + script, "--host", host};
+    argv.insert(argv.end(), more.begin(), more.end());
+    return std::make_unique<ChildProcess>(argv, dir.Path() + "/out.log");
+}
 
 }  // namespace
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
 
 uint16_t FreePort(const std::string& host, int type) {
     uint16_t port = 0;
@@ -114,14 +115,11 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::stri
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
         signal(SIGPIPE, SIG_DFL);
-        dup2(in, 0);
-        dup2(out, 1);
-        dup2(out, 2);
+        dup2(in, 0), dup2(out, 1), dup2(out, 2);
         execve(args[0], args.data(), environ);
         _exit(127);
     }
-    close(out);
-    close(in);
+    close(out), close(in);
     if (m_Pid < 0) throw std::runtime_error("fork failed for " + argv[0]);
 }
 
@@ -138,28 +136,24 @@ bool ChildProcess::Exited(int* status) {
 
 void ChildProcess::Stop() {
     if (m_Pid <= 0) return;
-    kill(-m_Pid, SIGTERM);
-    kill(m_Pid, SIGTERM);
+    kill(-m_Pid, SIGTERM), kill(m_Pid, SIGTERM);
     for (auto end = Clock::now() + std::chrono::seconds(5); !Exited() && Clock::now() < end;)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     if (m_Pid <= 0) return;
-    kill(-m_Pid, SIGKILL);
-    kill(m_Pid, SIGKILL);
+    kill(-m_Pid, SIGKILL), kill(m_Pid, SIGKILL);
     waitpid(m_Pid, nullptr, 0);
     m_Pid = -1;
 }
 
 int ChildProcess::Wait(int seconds) {
     int status = -1;
-    for (auto end = Clock::now() + std::chrono::seconds(seconds); Clock::now() < end;) {
-        if (Exited(&status)) return status;
+    for (auto end = Clock::now() + std::chrono::seconds(seconds); !Exited(&status) && Clock::now() < end;)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    Stop();
-    return -1;
+    Stop();  // nothing left to stop when it exited
+    return status;
 }
 
-std::string ChildProcess::Log() const { return ReadAll(m_LogFile); }
+std::string ChildProcess::Log() const { return ReadFile(m_LogFile); }
 
 uint16_t ChildProcess::WaitForPort(const std::string& key) {
     for (auto end = Clock::now() + std::chrono::seconds(30); Clock::now() < end;) {
@@ -203,19 +197,12 @@ const TestCaFiles& TestCa() {
 
 std::string Pattern(size_t size) {
     std::string s(size, '\0');
-    uint32_t x = 2463534242u;  // xorshift: no period a shift or a cut could hide
-    for (char& c : s) {
-        x ^= x << 13;
-        x ^= x >> 17;
-        x ^= x << 5;
-        c = static_cast<char>('a' + x % 26);
-    }
+    uint64_t x = 88172645463325252u;  // xorshift: no period a shift or a cut could hide
+    for (char& c : s) x ^= x << 13, x ^= x >> 7, x ^= x << 17, c = static_cast<char>('a' + x % 26);
     return s;
 }
 
 // ---- nginx ----
-
-const std::vector<int> Nginx::kStatusCodes = {200, 201, 204, 400, 401, 403, 404, 409, 429, 500, 502, 503};
 
 std::string Nginx::Config() const {
     const TestCaFiles& tls = TestCa();
@@ -229,14 +216,13 @@ std::string Nginx::Config() const {
     for (const char* temp : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"})
         c << "  " << temp << "_temp_path " << d << "/" << temp << ";\n";
     c << "  server {\n";
-    for (const char* h : {"127.0.0.1", "[::1]"})
-        if (m_Options.listen == Loopback::Both || (m_Options.listen == Loopback::V6) == (h[0] == '['))
-            c << "    listen " << h << ":" << m_HttpPort << ";\n    listen " << h << ":" << m_TlsPort << " ssl http2;\n";
+    const std::string h = UrlHost(HostOf(m_Options.listen));
+    c << "    listen " << h << ":" << m_HttpPort << ";\n    listen " << h << ":" << m_TlsPort << " ssl http2;\n";
     c << "    ssl_certificate " << tls.certFile << ";\n    ssl_certificate_key " << tls.keyFile << ";\n"
       << "    ssl_protocols TLSv1.2 TLSv1.3;\n    root " << d << "/www;\n    location / { }\n"
       << "    location /dav/ { dav_methods PUT DELETE; create_full_put_path on; }\n"
       << "    location /slow/ { limit_rate 2k; }\n    location = /redirect { return 302 /status/200; }\n";
-    for (int code : kStatusCodes)
+    for (int code : {200, 201, 204, 400, 401, 403, 404, 409, 429, 500, 502, 503})
         c << "    location = /status/" << code << " { default_type text/plain; return " << code << " \"status "
           << code << "\\n\"; }\n";
     c << m_Options.extraLocations << "\n  }\n}\n";
@@ -255,7 +241,7 @@ Nginx::Nginx(NginxOptions options) : m_Options(std::move(options)) {
             std::vector<std::string>{"/usr/sbin/nginx", "-p", d + "/", "-c", d + "/nginx.conf", "-e", d + "/error.log"},
             d + "/stdout.log");
         for (auto end = Clock::now() + std::chrono::seconds(30); Clock::now() < end && !m_Process->Exited();) {
-            if (Accepts(host, m_HttpPort) && Accepts(host, m_TlsPort)) return;
+            if (Answers(host, m_HttpPort, SOCK_STREAM) && Answers(host, m_TlsPort, SOCK_STREAM)) return;
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
         m_Process->Stop();
@@ -266,14 +252,10 @@ Nginx::Nginx(NginxOptions options) : m_Options(std::move(options)) {
     }
 }
 
-std::string Nginx::Url(const std::string& path) const {
-    return "http://" + UrlHost(HostOf(m_Options.listen)) + ":" + std::to_string(m_HttpPort) + path;
-}
-
+std::string Nginx::Url(const std::string& path) const { return MakeUrl("http", HostOf(m_Options.listen), m_HttpPort, path); }
 std::string Nginx::TlsUrl(const std::string& path) const {
-    return "https://" + UrlHost(HostOf(m_Options.listen)) + ":" + std::to_string(m_TlsPort) + path;
+    return MakeUrl("https", HostOf(m_Options.listen), m_TlsPort, path);
 }
-
 std::string Nginx::Root() const { return m_Dir.Path() + "/www"; }
 
 std::string Nginx::WriteFile(const std::string& name, const std::string& content) {
@@ -283,47 +265,32 @@ std::string Nginx::WriteFile(const std::string& name, const std::string& content
 }
 
 std::string Nginx::CreateFile(const std::string& name, size_t size) { return WriteFile(name, Pattern(size)); }
-std::string Nginx::ErrorLog() const { return ReadAll(m_Dir.Path() + "/error.log"); }
+std::string Nginx::ErrorLog() const { return ReadFile(m_Dir.Path() + "/error.log"); }
 
 std::vector<std::string> Nginx::AccessLog() const {
     std::vector<std::string> lines;
-    std::istringstream in(ReadAll(m_Dir.Path() + "/access.log"));
-    for (std::string line; std::getline(in, line);)
-        if (!line.empty()) lines.push_back(line);
+    std::istringstream in(ReadFile(m_Dir.Path() + "/access.log"));
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
 }
 
 // ---- python servers and socat ----
 
-WsServer::WsServer(Loopback host) : m_Host(HostOf(host)) {
-    m_Process = std::make_unique<ChildProcess>(
-        std::vector<std::string>{kPython, NETLOOP_TEST_SUPPORT_DIR "/ws_server.py", "--host", m_Host, "--cert",
-                                 TestCa().certFile, "--key", TestCa().keyFile},
-        m_Dir.Path() + "/out.log");
+WsServer::WsServer(Loopback host) : LoopbackServer(host) {
+    m_Process = Python("ws_server.py", m_Host, m_Dir, {"--cert", TestCa().certFile, "--key", TestCa().keyFile});
     m_Port = m_Process->WaitForPort("ws");
     m_TlsPort = m_Process->WaitForPort("wss");
 }
+std::string WsServer::Url(const std::string& path) const { return MakeUrl("ws", m_Host, m_Port, path); }
+std::string WsServer::TlsUrl(const std::string& path) const { return MakeUrl("wss", m_Host, m_TlsPort, path); }
 
-std::string WsServer::Url(const std::string& path) const {
-    return "ws://" + UrlHost(m_Host) + ":" + std::to_string(m_Port) + path;
-}
-
-std::string WsServer::TlsUrl(const std::string& path) const {
-    return "wss://" + UrlHost(m_Host) + ":" + std::to_string(m_TlsPort) + path;
-}
-
-Faults::Faults(Loopback host) : m_Host(HostOf(host)) {
-    m_Process = std::make_unique<ChildProcess>(
-        std::vector<std::string>{kPython, NETLOOP_TEST_SUPPORT_DIR "/faults.py", "--host", m_Host},
-        m_Dir.Path() + "/out.log");
+Faults::Faults(Loopback host) : LoopbackServer(host) {
+    m_Process = Python("faults.py", m_Host, m_Dir);
     m_Port = m_Process->WaitForPort("http");
 }
+std::string Faults::Url(const std::string& path) const { return MakeUrl("http", m_Host, m_Port, path); }
 
-std::string Faults::Url(const std::string& path) const {
-    return "http://" + UrlHost(m_Host) + ":" + std::to_string(m_Port) + path;
-}
-
-UdpEcho::UdpEcho(Loopback host) : m_Host(HostOf(host)) {
+UdpEcho::UdpEcho(Loopback host) : LoopbackServer(host) {
     for (int attempt = 0;; ++attempt) {
         m_Port = FreePort(m_Host, SOCK_DGRAM);
         // One socat child per peer; the datagram socketpair to cat keeps each
@@ -334,7 +301,7 @@ UdpEcho::UdpEcho(Loopback host) : m_Host(HostOf(host)) {
             std::vector<std::string>{"/usr/bin/socat", "-T", "30", "-b", "65536", listen, "EXEC:cat,socktype=2"},
             m_Dir.Path() + "/out.log");
         for (auto end = Clock::now() + std::chrono::seconds(30); Clock::now() < end && !m_Process->Exited();)
-            if (Echoes(m_Host, m_Port)) return;
+            if (Answers(m_Host, m_Port, SOCK_DGRAM)) return;
         std::string log = m_Process->Log();
         m_Process->Stop();
         if (attempt == 4) throw std::runtime_error("socat did not echo; its log:\n" + log);

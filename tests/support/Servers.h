@@ -1,33 +1,27 @@
-// Real servers for tests, each a child process on loopback, on ports that were
-// free at start, stopped by PID when the object goes (SIGTERM to its process
-// group, SIGKILL after 5 s). A server that cannot start throws
-// std::runtime_error with its log. Each child also gets SIGKILL when the thread
-// that started it ends (PR_SET_PDEATHSIG): start servers from the test's own
-// thread, never from a short-lived helper thread.
+// Real servers for tests, each a child process on loopback on ports that were
+// free at start, stopped by PID when its object goes (SIGTERM to its process
+// group, SIGKILL after 5 s); one that cannot start throws std::runtime_error
+// with its log. A child also gets SIGKILL when the thread that started it ends
+// (PR_SET_PDEATHSIG): start servers from the test's thread, not a helper's.
 //
-//   Nginx     the system nginx from a generated configuration. Url(p) is
-//             http://host:port/p (HTTP/1.1), TlsUrl(p) https://... (TLS 1.2
-//             and 1.3, HTTP/2 by ALPN). Locations:
-//               /<name>          files written with WriteFile/CreateFile
-//               /status/<code>   `return <code> "status <code>\n"`, codes in kStatusCodes
-//               /redirect        302 to /status/200
-//               /dav/            PUT and DELETE (dav module), folders made as needed
-//               /slow/           files under <root>/slow at 2 KB/s (limit_rate)
-//               + NginxOptions::extraLocations, pasted into the server block
-//             It listens on 127.0.0.1 (default), [::1] or both; the URLs use
-//             the first.
-//   WsServer  tests/support/ws_server.py (python3-websockets), ws and wss; the
-//             path picks the behaviour: /echo, /fragments, /ping,
-//             /close/<code>/<reason>, /drop, /refuse (see the script).
-//   Faults    tests/support/faults.py (Python standard library): /reset,
-//             /silent, /echo (POST/PUT body back with X-Body-Sha256), /headers.
-//             New behaviours go there, one handler per path.
-//   UdpEcho   socat sending each datagram back to its sender, 127.0.0.1 or ::1.
-//
-// The python servers print "<scheme> <port>" once listening (port 0 binding),
-// so the port is theirs before anyone connects.
-// TLS: TestCa() makes, once per process with the openssl command, a CA and a
-// server certificate for localhost, 127.0.0.1 and ::1; give caFile to SetCaPath.
+//   Nginx     nginx from a generated configuration. Url(p): http://host:port/p
+//             (HTTP/1.1); TlsUrl(p): https://... (TLS 1.2/1.3, HTTP/2 by ALPN).
+//             /<name> files from WriteFile/CreateFile; /status/<code>
+//             `return <code> "status <code>\n"` for the codes of Config();
+//             /redirect 302 to /status/200; /dav/ PUT and DELETE with folders
+//             made as needed; /slow/ files under <root>/slow at 2 KB/s
+//             (limit_rate); extraLocations are pasted into the server block.
+//             It listens on 127.0.0.1 or on [::1].
+//   WsServer  ws_server.py (python3-websockets), ws and wss: /echo, /fragments,
+//             /ping, /close/<code>/<reason>, /drop, /refuse (see the script).
+//   Faults    faults.py (standard library): /reset, /silent, /echo (POST/PUT
+//             body back with its hash), /headers. New faults go there, one
+//             handler per path.
+//   UdpEcho   socat sending each datagram back to its sender.
+// The python servers print "<scheme> <port>" once listening on port 0, so no
+// one else can take the port in between. TestCa() makes, once per process with
+// the openssl command, a CA and a server certificate for localhost, 127.0.0.1
+// and ::1; give caFile to SetCaPath.
 #pragma once
 
 #include <sys/types.h>
@@ -39,14 +33,14 @@
 
 namespace testsupport {
 
-struct TestCaFiles {
-    std::string caFile, certFile, keyFile;  // PEM
-};
+struct TestCaFiles { std::string caFile, certFile, keyFile; };  // PEM
 const TestCaFiles& TestCa();
 
 // A TCP (or, with type 2 = SOCK_DGRAM, UDP) port that was free a moment ago:
 // also a port nobody listens on, for refused connections.
 uint16_t FreePort(const std::string& host = "127.0.0.1", int type = 1 /* SOCK_STREAM */);
+
+std::string ReadFile(const std::string& path);  // the whole file, "" when unreadable
 
 // `size` bytes of a fixed pattern that no shift or cut maps onto itself.
 std::string Pattern(size_t size);
@@ -80,16 +74,12 @@ private:
     std::string m_LogFile;
 };
 
-enum class Loopback { V4, V6, Both };
+enum class Loopback { V4, V6 };
 
-struct NginxOptions {
-    Loopback listen = Loopback::V4;
-    std::string extraLocations;  // e.g. "location /x { return 200; }"
-};
+struct NginxOptions { Loopback listen = Loopback::V4; std::string extraLocations; /* "location /x {...}" */ };
 
 class Nginx {
 public:
-    static const std::vector<int> kStatusCodes;
     explicit Nginx(NginxOptions options = {});
     uint16_t HttpPort() const { return m_HttpPort; }
     uint16_t TlsPort() const { return m_TlsPort; }
@@ -110,43 +100,39 @@ private:
     std::unique_ptr<ChildProcess> m_Process;
 };
 
-class WsServer {
+// What WsServer, Faults and UdpEcho hold: their host, folder and process.
+class LoopbackServer {
+public:
+    const std::string& Host() const { return m_Host; }  // "127.0.0.1" or "::1"
+    uint16_t Port() const { return m_Port; }
+
+protected:
+    explicit LoopbackServer(Loopback host) : m_Host(host == Loopback::V6 ? "::1" : "127.0.0.1") {}
+    std::string m_Host;
+    TempDir m_Dir;
+    std::unique_ptr<ChildProcess> m_Process;
+    uint16_t m_Port = 0;
+};
+
+class WsServer : public LoopbackServer {
 public:
     explicit WsServer(Loopback host = Loopback::V4);
     std::string Url(const std::string& path = "/echo") const;     // ws://
     std::string TlsUrl(const std::string& path = "/echo") const;  // wss://
 
 private:
-    std::string m_Host;
-    TempDir m_Dir;
-    std::unique_ptr<ChildProcess> m_Process;
-    uint16_t m_Port = 0, m_TlsPort = 0;
+    uint16_t m_TlsPort = 0;
 };
 
-class Faults {
+class Faults : public LoopbackServer {
 public:
     explicit Faults(Loopback host = Loopback::V4);
     std::string Url(const std::string& path) const;
-    uint16_t Port() const { return m_Port; }
-
-private:
-    std::string m_Host;
-    TempDir m_Dir;
-    std::unique_ptr<ChildProcess> m_Process;
-    uint16_t m_Port = 0;
 };
 
-class UdpEcho {
+class UdpEcho : public LoopbackServer {
 public:
-    explicit UdpEcho(Loopback host = Loopback::V4);  // V4 or V6
-    const std::string& Host() const { return m_Host; }  // "127.0.0.1" or "::1"
-    uint16_t Port() const { return m_Port; }
-
-private:
-    std::string m_Host;
-    TempDir m_Dir;
-    std::unique_ptr<ChildProcess> m_Process;
-    uint16_t m_Port = 0;
+    explicit UdpEcho(Loopback host = Loopback::V4);
 };
 
 }  // namespace testsupport

@@ -1,24 +1,15 @@
 #!/usr/bin/python3
-"""HTTP peer for the faults that no real server makes on purpose.
+"""HTTP peer for the faults no real server makes on purpose (standard library only).
 
-Usage: faults.py [--host 127.0.0.1|::1]
-Listens on a free port and prints "http <port>" once it accepts connections.
-Every request is answered by the handler registered for its path (query
-ignored); unknown paths get 404. To add a behaviour, write one function taking
-the request handler and register it in HANDLERS.
-
-  /reset     200 with Content-Length 1000000, 20000 bytes of it, then a TCP reset
-  /silent    reads the request, never answers; waits for the client to go
-  /echo      POST/PUT: answers 200 with the request body as the body and
-             X-Body-Length, X-Body-Sha256 and X-Method headers (chunked bodies
-             and Expect: 100-continue included)
-  /headers   answers 200 with the request's header lines as the body
+faults.py [--host 127.0.0.1|::1] listens on a free port and prints "http <port>".
+Each request goes to the handler of its path in HANDLERS (query ignored; others
+404). A new behaviour is one function taking the request handler, registered there.
+  /reset    200 with Content-Length 1000000, 20000 bytes of it, then a TCP reset
+  /silent   reads the request and never answers
+  /echo     POST/PUT body (chunked too) back, with X-Body-Length, X-Body-Sha256, X-Method
+  /headers  the request's header lines as the body
 """
-import hashlib
-import os
-import socket
-import struct
-import sys
+import hashlib, os, socket, struct, sys
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 
 
@@ -28,8 +19,7 @@ def reset_mid_body(h):
     h.end_headers()
     h.wfile.write(b"r" * 20000)
     h.wfile.flush()
-    # Linger 0 turns the close into a reset; detach so no file object of the
-    # request keeps the descriptor open.
+    # Linger 0 turns the close into a reset; detached, no file object keeps it open.
     h.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
     os.close(h.connection.detach())
     h.close_connection = True
@@ -42,45 +32,36 @@ def silent(h):
 
 
 def read_body(h):
-    if h.headers.get("Transfer-Encoding", "").lower() == "chunked":
-        body = b""
-        while True:
-            size = int(h.rfile.readline().split(b";")[0], 16)
-            if size == 0:
-                while h.rfile.readline() not in (b"\r\n", b"\n", b""):
-                    pass
-                return body
-            body += h.rfile.read(size)
-            h.rfile.readline()
-    return h.rfile.read(int(h.headers.get("Content-Length", "0")))
+    if h.headers.get("Transfer-Encoding", "").lower() != "chunked":
+        return h.rfile.read(int(h.headers.get("Content-Length", "0")))
+    body = b""
+    while size := int(h.rfile.readline().split(b";")[0], 16):
+        body += h.rfile.read(size)
+        h.rfile.readline()
+    while h.rfile.readline() not in (b"\r\n", b"\n", b""):
+        pass
+    return body
+
+
+def answer(h, body, **headers):
+    h.send_response(200)
+    for name, value in dict(headers, Content_Length=len(body)).items():
+        h.send_header(name.replace("_", "-"), str(value))
+    h.end_headers()
+    h.wfile.write(body)
 
 
 def echo(h):
     body = read_body(h)
-    h.send_response(200)
-    h.send_header("Content-Length", str(len(body)))
-    h.send_header("X-Body-Length", str(len(body)))
-    h.send_header("X-Body-Sha256", hashlib.sha256(body).hexdigest())
-    h.send_header("X-Method", h.command)
-    h.end_headers()
-    h.wfile.write(body)
+    answer(h, body, X_Body_Length=len(body), X_Body_Sha256=hashlib.sha256(body).hexdigest(), X_Method=h.command)
 
 
 def headers(h):
     read_body(h)
-    body = "".join("%s: %s\r\n" % kv for kv in h.headers.items()).encode()
-    h.send_response(200)
-    h.send_header("Content-Length", str(len(body)))
-    h.end_headers()
-    h.wfile.write(body)
+    answer(h, "".join("%s: %s\r\n" % kv for kv in h.headers.items()).encode())
 
 
-HANDLERS = {
-    "/reset": reset_mid_body,
-    "/silent": silent,
-    "/echo": echo,
-    "/headers": headers,
-}
+HANDLERS = {"/reset": reset_mid_body, "/silent": silent, "/echo": echo, "/headers": headers}
 
 
 class Handler(BaseHTTPRequestHandler):
@@ -88,10 +69,7 @@ class Handler(BaseHTTPRequestHandler):
 
     def dispatch(self):
         handler = HANDLERS.get(self.path.split("?")[0])
-        if handler is None:
-            self.send_error(404)
-            return
-        handler(self)
+        handler(self) if handler else self.send_error(404)
 
     do_GET = do_POST = do_PUT = do_DELETE = do_PATCH = dispatch
 
@@ -106,13 +84,9 @@ class Server(ThreadingHTTPServer):
         pass  # a client that went away is what these tests are about
 
 
-def main():
+if __name__ == "__main__":
     host = sys.argv[sys.argv.index("--host") + 1] if "--host" in sys.argv else "127.0.0.1"
     Server.address_family = socket.AF_INET6 if ":" in host else socket.AF_INET
     server = Server((host, 0), Handler)
     print("http", server.server_address[1], flush=True)
     server.serve_forever()
-
-
-if __name__ == "__main__":
-    main()

@@ -5,11 +5,8 @@
 #include <gtest/gtest.h>
 #include <netdb.h>
 
-#include <algorithm>
 #include <climits>
 #include <future>
-#include <mutex>
-#include <thread>
 
 #include "hostseek/IHostseekInterface.h"
 #include "netloop/IHttpHandleInterface.h"
@@ -38,14 +35,13 @@ struct Frame {
     IHttpInterface* operator->() const { return f.get(); }
     int Stop() {
         auto stopped = std::async(std::launch::async, [f = f] { return f->Stop(false); });
-        if (stopped.wait_for(std::chrono::seconds(60)) == std::future_status::ready) return stopped.get();
-        ADD_FAILURE() << "the frame did not stop within 60 s";
+        if (stopped.wait_for(WaitLimit()) == std::future_status::ready) return stopped.get();
+        ADD_FAILURE() << "the frame did not stop within " << WaitLimit().count() << " s";
         std::abort();
     }
 };
 
-// Guards the members of a recorder that the loop thread writes.
-struct Locked {
+struct Locked {  // guards what the loop thread writes
     mutable std::mutex m;
     template <typename T, typename C>
     T Get(T C::*field) const {
@@ -67,7 +63,6 @@ struct Done {
         };
     }
     std::vector<int> Results() const { return s->Get(&State::results); }
-    // The first result, waited for; INT_MIN (and a failure) when none came.
     int Result(const std::string& what = "the done function") const {
         EXPECT_TRUE(Await([&] { return !Results().empty(); }, what));
         return Results().empty() ? INT_MIN : Results()[0];
@@ -81,10 +76,7 @@ struct Recorder : IHttpHandleNotic, Locked {
     curl_off_t lastDlNow = 0;
     std::function<size_t(char*, size_t)> upload;
 
-    void OnWsData(const char* data, size_t length, int type, void*) override {
-        std::lock_guard<std::mutex> lock(m);
-        messages.emplace_back(type, std::string(data, length));
-    }
+    void OnWsData(const char* data, size_t length, int type, void*) override { std::lock_guard<std::mutex> l(m); messages.emplace_back(type, std::string(data, length)); }
     void OnProgress(const char*, const char*, curl_off_t, curl_off_t dlnow, curl_off_t, curl_off_t, void*) override {
         std::lock_guard<std::mutex> lock(m);
         ++progress;
@@ -93,14 +85,8 @@ struct Recorder : IHttpHandleNotic, Locked {
     size_t OnUploadRead(std::shared_ptr<IHttpHandleInterface>, char* buf, size_t size, size_t n, void*) override {
         return upload ? upload(buf, size * n) : 0;
     }
-    void OnFinish(std::shared_ptr<IHttpHandleInterface>, int result, void*) override {
-        std::lock_guard<std::mutex> lock(m);
-        finishes.push_back(result);
-    }
-    void OnWsState(std::shared_ptr<IHttpHandleInterface>, int state, void*) override {
-        std::lock_guard<std::mutex> lock(m);
-        states.push_back(state);
-    }
+    void OnFinish(std::shared_ptr<IHttpHandleInterface>, int result, void*) override { std::lock_guard<std::mutex> l(m); finishes.push_back(result); }
+    void OnWsState(std::shared_ptr<IHttpHandleInterface>, int state, void*) override { std::lock_guard<std::mutex> l(m); states.push_back(state); }
     ::testing::AssertionResult AwaitMessages(size_t n) {
         auto r = Await([&] { return Get(&Recorder::messages).size() >= n; }, std::to_string(n) + " message(s)");
         if (!r) {
@@ -115,15 +101,13 @@ struct Recorder : IHttpHandleNotic, Locked {
     }
 };
 
-// An armed handle of `type` for `url` with its recorder.
-struct Transfer {
+struct Transfer {  // an armed handle with its recorder
     std::shared_ptr<Recorder> rec = std::make_shared<Recorder>();
     std::shared_ptr<IHttpHandleInterface> h = IHttpHandleInterface::Create();
     explicit Transfer(const std::string& url, int type = HTTP_REQ_GET, int timeoutMs = 0) {
         EXPECT_EQ(h->InitHttpReq(url.c_str(), "tag", type, rec, 0, timeoutMs, nullptr), 0) << url;
     }
     IHttpHandleInterface* operator->() const { return h.get(); }
-    // Adds and returns what OnFinish said; the handle stays armed.
     int Run(Frame& frame) {
         EXPECT_EQ(frame->AddHttpReq(h, true, nullptr, nullptr), 0);
         if (!Await([&] { return !rec->Get(&Recorder::finishes).empty(); }, "OnFinish")) return INT_MIN;

@@ -8,10 +8,7 @@ using namespace kit;
 struct UdpRecorder : IUdpHandleNotic, Locked {
     std::vector<int> states;
     std::vector<std::string> data, peers;
-    void OnUdpState(std::shared_ptr<IUdpHandleInterface>, int status, void*) override {
-        std::lock_guard<std::mutex> lock(m);
-        states.push_back(status);
-    }
+    void OnUdpState(std::shared_ptr<IUdpHandleInterface>, int status, void*) override { std::lock_guard<std::mutex> l(m); states.push_back(status); }
     void OnUdpData(const char* d, int64_t size, const char* peerIp, void*) override {
         std::lock_guard<std::mutex> lock(m);
         data.emplace_back(d, size);
@@ -24,11 +21,7 @@ TEST(Udp, EchoOverBothFamiliesAndNames) {
     Frame frame;
     UdpEcho v4, v6(Loopback::V6);
     auto scripted = std::make_shared<ScriptedResolver>(0, "127.0.0.1", false);
-    struct Case {
-        std::string host, peer;
-        uint16_t port;
-        bool scriptedName;
-    };
+    struct Case { std::string host, peer; uint16_t port; bool scriptedName; };
     for (const Case& c : {Case{"127.0.0.1", "127.0.0.1", v4.Port(), false}, Case{"::1", "::1", v6.Port(), false},
                           Case{"echo.test", "127.0.0.1", v4.Port(), true}}) {
         SCOPED_TRACE(c.host);
@@ -119,16 +112,11 @@ TEST(Udp, FailedNameAndStoppedFrame) {
 
 // What the library relies on of the resolver.
 TEST(Platform, ResolverLiterals) {
-    struct Literal {
-        const char* text;
-        bool v4, v6;
-    };
-    for (Literal l : {Literal{"127.0.0.1", true, false}, Literal{"::1", false, true},
-                      Literal{"256.0.0.1", false, false}, Literal{"localhost", false, false}, Literal{"[::1]", false, false},
-                      Literal{"", false, false}}) {
-        EXPECT_EQ(IHostseekInterface::IsIpv4Literal(l.text), l.v4) << l.text;
-        EXPECT_EQ(IHostseekInterface::IsIpv6Literal(l.text), l.v6) << l.text;
-    }
+    for (const char* v4 : {"127.0.0.1", "10.1.2.3"}) EXPECT_TRUE(IHostseekInterface::IsIpv4Literal(v4)) << v4;
+    for (const char* v6 : {"::1", "fe80::2"}) EXPECT_TRUE(IHostseekInterface::IsIpv6Literal(v6)) << v6;
+    for (const char* no : {"256.0.0.1", "localhost", "[::1]", ""})
+        EXPECT_FALSE(IHostseekInterface::IsIpv4Literal(no) || IHostseekInterface::IsIpv6Literal(no)) << no;
+    EXPECT_FALSE(IHostseekInterface::IsIpv4Literal("::1") || IHostseekInterface::IsIpv6Literal("127.0.0.1"));
     // localhost comes late the first time, at once once cached.
     struct Late : IHostseekResultNotic {
         std::atomic<int> calls{0};

@@ -11,6 +11,11 @@ WsServer& Ws() {
     return server;
 }
 
+Faults& FaultPeer() {
+    static Faults faults;
+    return faults;
+}
+
 int Send(Transfer& t, const std::string& data, int type) {
     size_t sent = 0;
     return t->SendWsData(Bytes(data), type, &sent);
@@ -21,14 +26,9 @@ TEST(WebSocket, ServerBehaviours) {
     ScopedCaptureLogger log;
     Frame frame;
     const std::string big = Pattern(700000);
-    struct Case {
-        std::string url;
-        std::vector<std::pair<int, std::string>> send;  // sent right after the add
-        std::vector<std::pair<int, std::string>> want;  // messages, in order
-        int endState;                                   // 1: still open
-        std::string logLine;
-        int level;
-    };
+    // Sent right after the add; the messages wanted, in order; the end state (1: still open); a log line.
+    using Messages = std::vector<std::pair<int, std::string>>;
+    struct Case { std::string url; Messages send, want; int endState; std::string logLine; int level; };
     const std::string wss = Ws().TlsUrl("/echo");
     const Case cases[] = {
         {Ws().Url("/echo"), {{1, "hello"}, {2, std::string("\0bin\xff", 5)}, {2, big}, {1, "after"}},
@@ -40,11 +40,12 @@ TEST(WebSocket, ServerBehaviours) {
         {Ws().Url("/drop"), {{1, "last"}}, {{1, "last"}}, WS_STATE_CLOSED, " WS END result[", -1},
         {Ws().Url("/refuse"), {}, {}, WS_STATE_FAILED, " WS END result[", 60},
         {"ws://127.0.0.1:" + std::to_string(FreePort()) + "/", {}, {}, WS_STATE_FAILED, " WS END result[7:", 60},
+        {FaultPeer().Url("/silent").replace(0, 4, "ws"), {}, {}, WS_STATE_FAILED, " WS END result[28:", 60},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.url);
         log->Clear();
-        Transfer t(c.url, HTTP_REQ_WEBSOCKET);
+        Transfer t(c.url, HTTP_REQ_WEBSOCKET, c.url.find("/silent") != c.url.npos ? 300 : 0);  // an upgrade never answered
         t->SetCaPath(TestCa().caFile.c_str());
         ASSERT_EQ(frame->AddHttpReq(t.h, true, nullptr, nullptr), 0);
         for (const auto& [type, data] : c.send) EXPECT_EQ(Send(t, data, type), 0) << "before the upgrade";
@@ -104,17 +105,6 @@ TEST(WebSocket, ClientCloseDisconnectAndRefusals) {
     frame.Stop();
     EXPECT_EQ(t->Disconnect(), -1) << "not armed";
     EXPECT_TRUE(t.rec->Get(&Recorder::finishes).empty());
-}
-
-// A connection that never completes its upgrade times out as FAILED.
-TEST(WebSocket, SilentPeerFailsTheUpgrade) {
-    Faults faults;
-    Frame frame;
-    Transfer t("ws://127.0.0.1:" + std::to_string(faults.Port()) + "/silent", HTTP_REQ_WEBSOCKET, 300);
-    ASSERT_EQ(frame->AddHttpReq(t.h, true, nullptr, nullptr), 0);
-    ASSERT_TRUE(t.rec->AwaitState(WS_STATE_FAILED));
-    EXPECT_EQ(t.rec->Get(&Recorder::states), std::vector<int>{WS_STATE_FAILED});
-    EXPECT_EQ(t.Del(frame), 0);
 }
 
 }  // namespace
