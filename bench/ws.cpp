@@ -4,6 +4,7 @@
 //   --mode=echo   100-byte text messages; figure: round trips per second
 //   --mode=bulk   1 MiB binary messages; figure: MB/s of message payload
 //                 (10^6 bytes per second, each message counted once)
+//   --mode=bulktext  the same with 1 MiB text messages (received text is checked)
 //   --impl=netloop    HTTP_REQ_WEBSOCKET handle; the first message goes out once
 //                     OnWsState reports the connection open, each next one is
 //                     sent from OnWsData
@@ -236,6 +237,7 @@ int main(int argc, char** argv) {
     const std::string impl = args.Str("impl", "netloop");
     const std::string mode = args.Str("mode", "echo");
     const bool echo = mode == "echo";
+    const bool text = echo || mode == "bulktext";
     const uint64_t n = static_cast<uint64_t>(args.Int("n", echo ? 20000 : 200));
     const uint64_t warmup = static_cast<uint64_t>(args.Int("warmup", echo ? 100 : 2));
     const size_t size = static_cast<size_t>(args.Size("size", echo ? 100 : 1 << 20));
@@ -243,7 +245,7 @@ int main(int argc, char** argv) {
     bench::StartWatchdog("ws", impl, timeout);
     bench::Result res("ws", impl);
     res.Param("mode", mode).Param("n", static_cast<int64_t>(n)).Param("size", static_cast<int64_t>(size));
-    if (mode != "echo" && mode != "bulk") return res.Fail("unknown --mode (echo, bulk)");
+    if (mode != "echo" && mode != "bulk" && mode != "bulktext") return res.Fail("unknown --mode (echo, bulk, bulktext)");
     if (n == 0) return res.Fail("--n must be at least 1");
 
     curl_global_init(CURL_GLOBAL_DEFAULT);
@@ -251,8 +253,8 @@ int main(int argc, char** argv) {
     options.maxRecords = 0;  // echo only: recording is not what is measured
     testsupport::WsTestServer server(options);
     const std::string url = server.Url("/echo");
-    const int type = echo ? WS_MSG_TEXT : WS_MSG_BINARY;
-    std::string bytes = echo ? testsupport::DeterministicText(size) : testsupport::DeterministicBytes(size);
+    const int type = text ? WS_MSG_TEXT : WS_MSG_BINARY;
+    std::string bytes = text ? testsupport::DeterministicText(size) : testsupport::DeterministicBytes(size);
     auto payload = std::make_shared<std::vector<uint8_t>>(bytes.begin(), bytes.end());
 
     int exitCode = 0;

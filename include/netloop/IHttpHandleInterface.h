@@ -57,6 +57,9 @@ enum WsState {
     WS_STATE_FAILED = -1,  // the transfer ended before the connection opened (connect failure,
                            // refused upgrade, time-out)
     WS_STATE_CLOSED = -2,  // an open connection ended (the server closed it, a reset, the time-out)
+    WS_STATE_ERROR = -3,   // the library failed an open connection because the server broke a limit
+                           // or the protocol: a close frame with the status went out first, and
+                           // GetErrorText says why (see SetWsMaxMessageSize)
 };
 
 // Implemented by the application. Every call runs on the frame's loop thread.
@@ -74,10 +77,14 @@ public:
     // never reported; a close is not answered: reply with SendWsData type 3.
     // Messages that arrived together with the upgrade response follow
     // OnWsState(WS_STATE_OPEN) and, like it, come from outside libcurl.
+    // Text messages are valid UTF-8: one that is not fails the connection
+    // (close status 1007, WS_STATE_ERROR) and nothing of it is delivered.
     // libcurl 8.14 passes no frame without payload to the application; such a
     // frame (an empty message, the empty last frame of a fragmented one, a close
     // without status) is noticed only when it is the last frame libcurl reads in
-    // one go, and otherwise lost.
+    // one go, and otherwise lost. A fragmented message whose empty last frame is
+    // lost that way still ends when a message of the other data type begins;
+    // followed by a message of its own type, the two arrive joined.
     virtual void OnWsData(const char* data, size_t length, int type, void* userData) = 0;
     // Transfer progress, after EnableProgress(true). `tag` and `url` are the
     // handle's GetTag and GetUrl.
@@ -96,7 +103,9 @@ public:
     // Handles armed with HTTP_REQ_WEBSOCKET only, once per event, outside libcurl
     // (DelHttpReq may run at once from here): WS_STATE_OPEN when the upgrade
     // completed, before the connection's first OnWsData; WS_STATE_FAILED when the
-    // transfer ended before that; WS_STATE_CLOSED when an open connection ended.
+    // transfer ended before that; WS_STATE_CLOSED when an open connection ended;
+    // WS_STATE_ERROR when the library failed it (a bound of SetWsMaxMessageSize,
+    // or text that is not UTF-8; GetErrorText says which).
     // Not called when the application ended the transfer itself with DelHttpReq or
     // Disconnect. An end that libcurl reports is logged in place of an HTTP
     // transfer's DONE line as "[NETLOOP]<url> WS END result[<CURLcode>:<text>]",
@@ -217,14 +226,36 @@ public:
 
     // ---- Added later; new methods go at the end, after these. ----
 
-    // WebSocket handles: the largest incoming message (data or control) this
-    // connection accepts, in bytes; 0 is no limit; default 16 MiB. Before the add.
+    // WebSocket handles: the largest incoming message this connection accepts, in
+    // payload bytes; default 16 MiB, 0 for no limit. A message is measured as soon
+    // as its size is known (what has arrived plus what its current frame still
+    // announces), so a frame announcing more is refused at its first bytes, and
+    // the sender's memory is never needed for it. Control frames count too, and
+    // so do the messages held together before OnWsState(WS_STATE_OPEN). Past the
+    // limit nothing of the message is delivered: the library logs one line at
+    // level 60 with the limit and the size seen, sends a close frame with status
+    // 1009, discards what else arrives, closes the connection once the server
+    // has closed it or after 1 s, and calls OnWsState(WS_STATE_ERROR); GetErrorText
+    // then reads "message too big (limit 16 MiB, <size> bytes seen)". The same
+    // way, text that is not UTF-8 ends it with 1007, and a control frame longer
+    // than 125 bytes with 1002 (libcurl 8.14 refuses such a frame itself and
+    // ends the connection without a close frame: WS_STATE_CLOSED). Application
+    // thread, before the add; kept across re-arming. Returns 0.
     virtual int SetWsMaxMessageSize(size_t bytes) = 0;
-    // WebSocket handles: the most bytes SendWsData may leave waiting to be sent;
-    // default 64 MiB. Before the add.
+    // WebSocket handles: the most bytes that SendWsData lets wait to be sent
+    // (GetWsBufferedAmount); default 64 MiB, 0 for no bound. A SendWsData that
+    // would pass it returns -1, logs a level 60 line, and queues and sends
+    // nothing of the message. Application thread, before the add; kept across
+    // re-arming. Returns 0.
     virtual int SetWsMaxSendBuffer(size_t bytes) = 0;
-    // WebSocket handles: the bytes handed to SendWsData that libcurl has not taken
-    // yet. Any thread.
+    // WebSocket handles: the payload bytes handed to SendWsData that libcurl has
+    // not taken yet: whole messages still queued plus the rest of the one being
+    // sent. It falls as the server reads, and back to 0 when the connection ends
+    // (what was still waiting is then dropped and logged). Any thread, lock-free.
+    // To pace a producer: send while the amount is below a mark well under the
+    // bound (a few messages), otherwise wait (a timer, or the next OnWsData) and
+    // look again; a server that never reads then stops the producer instead of
+    // filling memory, and SendWsData's -1 is the backstop.
     virtual size_t GetWsBufferedAmount() = 0;
 
     // The largest response body kept in memory (no output file); 0 is no limit,

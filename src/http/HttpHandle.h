@@ -18,6 +18,7 @@
 
 #include "frame/AsynOperReq.h"
 #include "frame/ConnectionGate.h"
+#include "http/Utf8Check.h"
 #include "netloop/IHttpHandleInterface.h"
 
 namespace netloop {
@@ -187,6 +188,18 @@ private:
     void ScheduleWs(uint64_t delayMs);
     void NotifyWsState(int state);
 
+    // WebSocket bounds and checks of incoming messages (WsLimits.cpp).
+    bool AdmitWsChunk(const char* data, size_t len, int flags, curl_off_t bytesleft);
+    bool AdmitWsControl(size_t len, curl_off_t bytesleft);
+    bool AdmitWsData(const char* data, size_t len, int flags, curl_off_t bytesleft);
+    bool EndWsMessageEarly();
+    bool FailWs(uint16_t code, const char* reason, const std::string& why);
+    void QueueWsClose(uint16_t code, const char* reason);
+    bool FailedWsDone();
+    void EndFailedWs();
+    bool ReserveWsSend(size_t size);
+    void ReleaseWsSend(size_t size) { m_WsBuffered.fetch_sub(size); }
+
     CURL* m_Curl = nullptr;
     std::string m_Url;
     int32_t m_ReqType = 0;
@@ -221,6 +234,15 @@ private:
     bool m_WsInMessage = false;            // a fragmented data message is under way
     bool m_WsDue = false;                  // waiting in the frame's WebSocket service list
     std::atomic<bool> m_WsProgress{false}; // OnProgress wanted; set by EnableProgress on any thread
+
+    // WebSocket bounds (WsLimits.cpp). The two limits are set before the add.
+    size_t m_WsMaxMessage = size_t{16} << 20;   // largest incoming message; 0 none
+    size_t m_WsMaxSend = size_t{64} << 20;      // most bytes SendWsData lets wait; 0 none
+    std::atomic<size_t> m_WsBuffered{0};        // bytes handed to SendWsData not yet taken by libcurl; any thread
+    CUtf8Check m_WsUtf8;                        // the text message being received
+    uint64_t m_WsFailDeadlineMs = 0;            // when a failed connection ends even if its close frame is stuck
+    uint16_t m_WsFailCode = 0;                  // close status the library failed this connection with; 0 none
+    bool m_WsFrameEnded = true;                 // the last data chunk ended its frame
 };
 
 }  // namespace netloop

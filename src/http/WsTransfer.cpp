@@ -67,6 +67,7 @@ size_t SizeOf(const std::shared_ptr<std::vector<uint8_t>>& data) { return data ?
 
 bool CHttpHandle::SetWsOptions() {
     m_WsPhase = WS_PHASE_IDLE;
+    m_WsFailCode = 0;
     m_WsProgress.store(false);
     // The end of the 101 response is the only sign libcurl gives that the
     // upgrade has completed. The callback passes every header on unchanged.
@@ -132,6 +133,7 @@ void CHttpHandle::OnWsAdded() {
     m_WsPhase = WS_PHASE_CONNECTING;
     m_WsRetryMs = 0;
     m_WsDue = false;
+    m_WsFailCode = 0;
     ResetWsReceive();
 }
 
@@ -154,7 +156,7 @@ void CHttpHandle::OnWsEnded(CURLcode) {
     m_WsPhase = WS_PHASE_ENDED;
     DropWsQueue();
     ResetWsReceive();
-    NotifyWsState(wasOpen ? WS_STATE_CLOSED : WS_STATE_FAILED);
+    NotifyWsState(m_WsFailCode != 0 ? WS_STATE_ERROR : wasOpen ? WS_STATE_CLOSED : WS_STATE_FAILED);
 }
 
 void CHttpHandle::ServiceWs() {
@@ -162,6 +164,7 @@ void CHttpHandle::ServiceWs() {
     if (!IsReady() || m_Curl == nullptr) return;  // deleted meanwhile
     if (m_WsPhase == WS_PHASE_UPGRADED && !OpenWs()) return;
     if (m_WsPhase == WS_PHASE_OPEN) FlushWs();
+    if (m_WsFailCode != 0 && m_WsPhase == WS_PHASE_OPEN && FailedWsDone()) EndFailedWs();
 }
 
 // Announces the open connection, then hands over the messages that arrived
@@ -233,6 +236,7 @@ void CHttpHandle::OnWsRound() {
 }
 
 void CHttpHandle::OnWsFrameBytes(const char* data, size_t len, int flags, curl_off_t bytesleft) {
+    if (!AdmitWsChunk(data, len, flags, bytesleft)) return;
     if (flags & (CURLWS_CLOSE | CURLWS_PING | CURLWS_PONG)) {
         // Control frames may come between the frames of a fragmented message:
         // they are delivered alone, and its bytes stay where they are.
@@ -287,6 +291,8 @@ void CHttpHandle::ResetWsReceive() {
     m_WsControl.clear();
     m_WsEarly.clear();
     m_WsInMessage = false;
+    m_WsFrameEnded = true;
+    m_WsUtf8.Reset();
 }
 
 // ---------------------------------------------------------------------------
@@ -305,6 +311,7 @@ int CHttpHandle::SendWsData(std::shared_ptr<std::vector<uint8_t>> data, int type
         WriteNetLog(LOG_ERROR, "[NETLOOP]Can not send ws data req now");
         return -1;
     }
+    if (!ReserveWsSend(SizeOf(data))) return -1;
     if (frame->IsLoopThread()) {
         SendWsOnLoop(std::move(data), flags, sent, false, frame->InsideCurl());
         return 0;
@@ -316,7 +323,10 @@ int CHttpHandle::SendWsData(std::shared_ptr<std::vector<uint8_t>> data, int type
     oper->data = std::move(data);
     oper->flags = static_cast<int>(flags);
     // A frame that began to stop after the check above takes no record.
-    if (!frame->PostAsynOper(std::move(oper))) return -1;
+    if (!frame->PostAsynOper(std::move(oper))) {
+        ReleaseWsSend(size);
+        return -1;
+    }
     *sent = size;
     return 0;
 }
@@ -328,7 +338,10 @@ int CHttpHandle::SendWsData(std::shared_ptr<std::vector<uint8_t>> data, int type
 void CHttpHandle::SendWsOnLoop(std::shared_ptr<std::vector<uint8_t>> data, unsigned int flags, size_t* sent,
                                bool record, bool insideCurl) {
     const size_t size = SizeOf(data);
-    if (m_WsPhase == WS_PHASE_ENDED) {
+    // A connection the library is failing has its close frame queued: nothing
+    // may follow it.
+    if (m_WsPhase == WS_PHASE_ENDED || m_WsFailCode != 0) {
+        ReleaseWsSend(size);
         *sent = 0;
         LogSendFailed(kWsGone);
         if (record && size != 0) LogSendShort(size, 0);
@@ -351,6 +364,7 @@ void CHttpHandle::SendWsOnLoop(std::shared_ptr<std::vector<uint8_t>> data, unsig
     *sent = 0;
     const uint8_t* bytes = size != 0 ? data->data() : nullptr;
     CURLcode rc = curl_ws_send(m_Curl, bytes, size, sent, 0, flags);
+    ReleaseWsSend(*sent);
     if (rc == CURLE_OK && *sent == size) return;
     if (rc == CURLE_OK || rc == CURLE_AGAIN) {
         // libcurl has begun the frame: the rest goes first once the socket drains.
@@ -359,6 +373,7 @@ void CHttpHandle::SendWsOnLoop(std::shared_ptr<std::vector<uint8_t>> data, unsig
         ScheduleWs(m_WsRetryMs);
         return;
     }
+    ReleaseWsSend(size - *sent);
     LogSendFailed(rc);
     if (record && size != 0 && *sent != size) LogSendShort(size, *sent);
 }
@@ -378,7 +393,10 @@ void CHttpHandle::FlushWs() {
         const uint8_t* bytes = size != 0 ? msg.data->data() + msg.done : nullptr;
         size_t taken = 0;
         CURLcode rc = curl_ws_send(m_Curl, bytes, size - msg.done, &taken, 0, msg.flags);
-        if (rc == CURLE_OK) msg.done += taken;
+        if (rc == CURLE_OK) {
+            msg.done += taken;
+            ReleaseWsSend(taken);
+        }
         if (rc == CURLE_OK && msg.done == size) {
             m_WsOut.pop_front();
             m_WsRetryMs = 0;
@@ -393,6 +411,7 @@ void CHttpHandle::FlushWs() {
         }
         LogSendFailed(rc);
         if (msg.done != 0) LogSendShort(size, msg.done);
+        ReleaseWsSend(size - msg.done);
         m_WsOut.pop_front();
     }
 }
@@ -402,6 +421,7 @@ void CHttpHandle::DropWsQueue() {
     if (m_WsOut.empty()) return;
     std::unique_ptr<std::deque<WsOutMessage>> dropped = m_WsOut.TakeAll();
     for (const WsOutMessage& msg : *dropped) {
+        ReleaseWsSend(SizeOf(msg.data) - msg.done);
         if (msg.done != 0)
             LogSendShort(SizeOf(msg.data), msg.done);
         else

@@ -13,10 +13,65 @@ for ws (and one for wss) and prints "ws <port>" (and "wss <port>"). By path:
                       the end of the stream in one write
   /drop               echoes one message, then drops TCP without a close frame
   /refuse             refuses the upgrade with 403
+  /hostile/<kind>/<id>  a peer breaking a client's bounds (see hostile());
+  /report/<kind>/<id>   then sends "sent=<payload bytes> code=<client's close code>"
 """
 import asyncio, http, ssl, sys
 
 import websockets
+from websockets.frames import OP_BINARY, OP_CONT, OP_TEXT
+
+MIB = 1 << 20
+RESULTS = {}
+# Frames (fin, opcode, payload) sent before echoing.
+FRAMES = {
+    "utf8-bad": [(True, OP_TEXT, b"ok\xc3\x28")],
+    "utf8-surrogate": [(True, OP_TEXT, b"\xed\xa0\x80")],
+    "utf8-split-bad": [(False, OP_TEXT, b"ab\xe2\x82"), (True, OP_CONT, b"\x28")],
+    "utf8-split-good": [(False, OP_TEXT, b"ab\xe2\x82"), (True, OP_CONT, b"\xac")],
+    # the empty last frame that python3-websockets' send(iterable) ends with
+    "mixed": [(False, OP_BINARY, b"bin1"), (False, OP_CONT, b"bin2"), (True, OP_CONT, b""),
+              (True, OP_TEXT, b"text")],
+}
+
+
+async def hostile(ws, name):
+    kind, sent = name.split("/")[0], 0
+    try:
+        if kind in ("endless", "huge"):
+            # One message that never ends: 1 MiB continuation frames, or one
+            # frame announcing 2^40 bytes; 2 GiB at most.
+            chunk = b"s" * MIB
+            if kind == "huge":
+                ws.transport.write(bytes([0x82, 127]) + (1 << 40).to_bytes(8, "big"))
+            while sent < 2048 * MIB and ws.open:
+                if kind == "huge":
+                    ws.transport.write(chunk)
+                    await ws.drain()
+                else:
+                    await ws.write_frame(False, OP_CONT if sent else OP_TEXT, chunk)
+                sent += len(chunk)
+        elif kind == "deaf":
+            ws.transport.pause_reading()  # never reads what the client sends
+            await asyncio.sleep(60)
+        for fin, opcode, payload in FRAMES.get(kind, []):
+            await ws.write_frame(fin, opcode, payload)
+            sent += len(payload)
+        await echo(ws)
+    except Exception:
+        pass  # the client went: what it sent last is what counts
+    try:
+        await asyncio.wait_for(ws.wait_closed(), 5)
+    except asyncio.TimeoutError:
+        pass
+    RESULTS[name] = "sent=%d code=%s" % (sent, ws.close_code)
+
+
+async def report(ws, name):
+    for _ in range(200):  # the hostile connection may still be closing
+        if name not in RESULTS:
+            await asyncio.sleep(0.05)
+    await ws.send(RESULTS.pop(name, "none"))
 
 
 async def handler(ws, path):
@@ -40,6 +95,11 @@ async def handler(ws, path):
         ws.transport.write(b"\x81\x04only\x88\x02\x03\xe8")
         ws.transport.close()
         return
+    elif path.startswith("/hostile/"):
+        await hostile(ws, path[len("/hostile/"):])
+        return
+    elif path.startswith("/report/"):
+        await report(ws, path[len("/report/"):])
     elif path == "/drop":
         await ws.send(await ws.recv())
         ws.transport.abort()
