@@ -120,6 +120,7 @@ int CHttpHandle::GetTransferInfo(HttpTransferInfo* info) {
     ReadText(m_Curl, CURLINFO_EFFECTIVE_URL, info, &info->effectiveUrl);
     ReadText(m_Curl, CURLINFO_PRIMARY_IP, info, &info->remoteIp);
     ReadInfo(m_Curl, CURLINFO_PRIMARY_PORT, info, &info->remotePort);
+    if (Fits(info, &info->remotePort) && info->remotePort < 0) info->remotePort = 0;  // libcurl's "none"
     ReadInfo(m_Curl, CURLINFO_NAMELOOKUP_TIME_T, info, &info->nameLookupUs);
     ReadInfo(m_Curl, CURLINFO_CONNECT_TIME_T, info, &info->connectUs);
     ReadInfo(m_Curl, CURLINFO_APPCONNECT_TIME_T, info, &info->tlsUs);
