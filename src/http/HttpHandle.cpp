@@ -39,6 +39,9 @@ int CHttpHandle::InitHttpReq(const char* url, const char* tag, int reqType, std:
         return -1;
     }
     m_Self = new std::shared_ptr<CHttpHandle>(shared_from_this());
+    // The error buffer lives as long as the handle, so handles never armed
+    // do not carry it.
+    if (!m_CurlError) m_CurlError.reset(new char[CURL_ERROR_SIZE]);
     m_CurlError[0] = '\0';
     if (!SetCommonOptions(url, connectTimeoutMs, timeoutMs) || !SetRequestType(reqType)) {
         FailInit();
@@ -105,7 +108,7 @@ bool CHttpHandle::SetCommonOptions(const char* url, int connectTimeoutMs, int ti
         {CURLOPT_WRITEDATA, m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_WRITEDATA failed"},
         {CURLOPT_READDATA, m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_READDATA failed"},
         // libcurl's own words on a failure, kept for GetErrorText.
-        {CURLOPT_ERRORBUFFER, m_CurlError, "[NETLOOP]err[%d:%s]curl set CURLOPT_ERRORBUFFER failed"},
+        {CURLOPT_ERRORBUFFER, m_CurlError.get(), "[NETLOOP]err[%d:%s]curl set CURLOPT_ERRORBUFFER failed"},
         // With READDATA pointing at the handle, libcurl's default read function
         // would take it for a FILE*: a POST without a body or an upload without
         // a size reads through the handle's own callback instead.

@@ -193,7 +193,7 @@ private:
     FILE* m_File = nullptr;
     std::string m_Response;
     std::string m_ErrorText;  // why the last transfer failed, for GetErrorText
-    char m_CurlError[CURL_ERROR_SIZE] = {};  // libcurl's CURLOPT_ERRORBUFFER (loop thread while running)
+    std::unique_ptr<char[]> m_CurlError;     // libcurl's CURLOPT_ERRORBUFFER, made by the first InitHttpReq
     curl_off_t m_MaxBody = 0;                // SetMaxResponseSize; 0 is no cap
     curl_off_t m_BodyBytes = 0;              // body bytes taken by the current transfer (loop thread)
     bool m_BodyRefused = false;              // the current transfer's body passed the cap or the file failed

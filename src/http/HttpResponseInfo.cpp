@@ -8,7 +8,7 @@ namespace netloop {
 void CHttpHandle::OnTransferEnded(CURLcode result) {
     // A body refused by the write callback has its own reason already;
     // libcurl would only say that the callback took fewer bytes.
-    if (!m_BodyRefused) m_ErrorText = result == CURLE_OK ? std::string() : std::string(m_CurlError);
+    if (!m_BodyRefused) m_ErrorText = result == CURLE_OK ? std::string() : std::string(m_CurlError.get());
     m_BodyBytes = 0;
     m_BodyRefused = false;
 }
