@@ -252,6 +252,7 @@ int CHttpHandle::OperAdd(const std::shared_ptr<CHttpFrame>& frame, const AsynHtt
                     static_cast<int>(rc), curl_multi_strerror(rc));
         result = -1;
     } else {
+        BeginTransfer();
         OnWsAdded();
     }
     CallDone(oper, result);
@@ -268,8 +269,6 @@ int CHttpHandle::OperDel(const std::shared_ptr<CHttpFrame>& frame, const AsynHtt
 
 int CHttpHandle::RemoveFromMulti(const std::shared_ptr<CHttpFrame>& frame, const char* failure) {
     OnWsRemoved();
-    m_BodyBytes = 0;  // an aborted transfer's body does not count against the next one's cap
-    m_BodyRefused = false;
     CURLMcode rc = m_Curl != nullptr ? curl_multi_remove_handle(frame->m_Multi, m_Curl) : CURLM_BAD_EASY_HANDLE;
     if (rc == CURLM_OK) return 0;
     WriteNetLog(LOG_ERROR, failure, static_cast<int>(rc), curl_multi_strerror(rc));
