@@ -61,8 +61,9 @@ sockaddr_storage Address(const std::string& host, uint16_t port, socklen_t& len)
     return s;
 }
 
-// A port that was free a moment ago; whoever binds it may still lose it, so
-// callers retry with another.
+}  // namespace
+
+// Whoever binds it may still lose it, so the servers retry with another.
 uint16_t FreePort(const std::string& host, int type) {
     socklen_t len = 0;
     sockaddr_storage s = Address(host, 0, len);
@@ -76,6 +77,8 @@ uint16_t FreePort(const std::string& host, int type) {
     if (port == 0) throw std::runtime_error("no free port on " + host);
     return port;
 }
+
+namespace {
 
 bool Accepts(const std::string& host, uint16_t port) {
     socklen_t len = 0;
@@ -234,7 +237,7 @@ std::string Nginx::Config() const {
     c << "daemon off;\nmaster_process off;\npid " << d << "/nginx.pid;\nerror_log " << d << "/error.log warn;\n"
       << "events { worker_connections 1024; }\nhttp {\n"
       << "  default_type application/octet-stream;\n"
-      << "  log_format t '$server_protocol $request_method $request_uri $status $body_bytes_sent';\n"
+      << "  log_format t '$connection $server_protocol $request_method $request_uri $status $body_bytes_sent';\n"
       << "  access_log " << d << "/access.log t;\n"
       << "  client_max_body_size 0;\n";
     for (const char* temp : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"})

@@ -107,7 +107,7 @@ public:
     // <root>/<name> with `size` bytes of Pattern(size).
     std::string CreateFile(const std::string& name, size_t size);
     std::string ErrorLog() const;
-    // One line per finished request: "<protocol> <method> <uri> <status> <body bytes>".
+    // One line per finished request: "<connection> <protocol> <method> <uri> <status> <body bytes>".
     std::vector<std::string> AccessLog() const;
 
 private:
@@ -157,6 +157,10 @@ private:
     std::unique_ptr<ChildProcess> m_Process;
     uint16_t m_Port = 0;
 };
+
+// A TCP (or, with SOCK_DGRAM, UDP) port on `host` that was free a moment ago:
+// a port nobody listens on, for refused connections.
+uint16_t FreePort(const std::string& host = "127.0.0.1", int type = 1 /* SOCK_STREAM */);
 
 // `size` bytes of a fixed pattern that no shift or truncation maps onto itself.
 std::string Pattern(size_t size);
