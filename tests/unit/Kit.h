@@ -9,8 +9,12 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include <netdb.h>
+
+#include "hostseek/IHostseekInterface.h"
 #include "netloop/IHttpHandleInterface.h"
 #include "netloop/IHttpInterface.h"
 #include "netloop/ITimerHandleInterface.h"
@@ -23,6 +27,8 @@ namespace kit {
 
 using namespace netloop;
 using namespace testsupport;
+using hostseek_interface::IHostseekInterface;
+using hostseek_interface::IHostseekResultNotic;
 
 // A running frame; the destructor stops it, and a stop that never returns
 // aborts the run instead of hanging it.
@@ -145,6 +151,36 @@ struct Transfer {
         Done done;
         if (frame->DelHttpReq(h, true, done.Fn(), nullptr) != 0) return -1;
         return done.Result("the done function of DelHttpReq");
+    }
+};
+
+// Answers every name with `status` and, on success, the numeric `address`: at
+// once, or late from a thread of its own. Install it with
+// IHostseekInterface::GetHostseekInstance(3, resolver).
+struct ScriptedResolver : IHostseekInterface {
+    int status;
+    bool atOnce;
+    addrinfo* answer = nullptr;
+    std::vector<std::thread> threads;
+    ScriptedResolver(int s, const std::string& address, bool now) : status(s), atOnce(now) {
+        addrinfo hints{};
+        hints.ai_flags = AI_NUMERICHOST;
+        if (status == 0) getaddrinfo(address.c_str(), nullptr, &hints, &answer);
+    }
+    int ResolveHost(const char*, const struct addrinfo*, std::shared_ptr<IHostseekResultNotic> notic,
+                    void* userData, struct addrinfo** result) override {
+        if (atOnce && status == 0) {
+            *result = answer;
+            return 0;
+        }
+        threads.emplace_back([this, notic, userData] {
+            if (notic) notic->OnHostseekResult(status, status == 0 ? answer : nullptr, userData);
+        });
+        return EAI_AGAIN;
+    }
+    ~ScriptedResolver() override {
+        for (auto& t : threads) t.join();
+        if (answer) freeaddrinfo(answer);
     }
 };
 

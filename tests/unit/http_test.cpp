@@ -75,6 +75,20 @@ TEST(Http, OutcomesReachOnFinishAndTheLog) {
     }
 }
 
+// A name the process resolver has at hand is pinned to its address: libcurl
+// itself could not resolve it.
+TEST(Http, NameAtHandIsPinned) {
+    Frame frame;
+    Server().WriteFile("/pinned", "pinned\n");
+    auto previous = IHostseekInterface::GetHostseekInstance(3, nullptr);
+    IHostseekInterface::GetHostseekInstance(3, std::make_shared<ScriptedResolver>(0, "127.0.0.1", true));
+    Transfer t("http://pinned.test:" + std::to_string(Server().HttpPort()) + "/pinned");
+    IHostseekInterface::GetHostseekInstance(3, previous);
+    ASSERT_EQ(t.Run(frame), 0);
+    EXPECT_EQ(t->GetResponse(), "pinned\n");
+    t.Del(frame);
+}
+
 // Bodies: POST and PUT (known size and chunked) come back whole from the echo
 // peer, a dav PUT reads back from nginx, and a response goes to memory, to a
 // file or to memory again when the file cannot be opened.

@@ -7,14 +7,11 @@
 #include <thread>
 
 #include "Kit.h"
-#include "hostseek/IHostseekInterface.h"
 #include "sysutil/sysutil.h"
 
 namespace {
 
 using namespace kit;
-using hostseek_interface::IHostseekInterface;
-using hostseek_interface::IHostseekResultNotic;
 
 struct UdpRecorder : IUdpHandleNotic {
     std::mutex m;
@@ -38,30 +35,6 @@ struct UdpRecorder : IUdpHandleNotic {
     }
 };
 
-// Answers every name late, from a thread of its own, with `status` and, on
-// success, `address`; installed as the process's resolver for its lifetime.
-struct ScriptedResolver : IHostseekInterface {
-    int status;
-    std::string address;
-    std::vector<std::thread> threads;
-    std::shared_ptr<IHostseekInterface> previous;
-    ScriptedResolver(int s, std::string a) : status(s), address(std::move(a)) {}
-    int ResolveHost(const char*, const struct addrinfo* hints, std::shared_ptr<IHostseekResultNotic> notic,
-                    void* userData, struct addrinfo** result) override {
-        threads.emplace_back([this, notic, userData] {
-            addrinfo hints{}, *res = nullptr;
-            hints.ai_flags = AI_NUMERICHOST;
-            if (status == 0) getaddrinfo(address.c_str(), nullptr, &hints, &res);
-            if (notic) notic->OnHostseekResult(status, res, userData);
-            if (res) freeaddrinfo(res);
-        });
-        return EAI_AGAIN;
-    }
-    ~ScriptedResolver() override {
-        for (auto& t : threads) t.join();
-    }
-};
-
 std::shared_ptr<std::vector<uint8_t>> Bytes(const std::string& s) {
     return std::make_shared<std::vector<uint8_t>>(s.begin(), s.end());
 }
@@ -70,7 +43,7 @@ TEST(Udp, EchoOverBothFamiliesAndNames) {
     ScopedCaptureLogger log;
     Frame frame;
     UdpEcho v4, v6(Loopback::V6);
-    auto scripted = std::make_shared<ScriptedResolver>(0, "127.0.0.1");
+    auto scripted = std::make_shared<ScriptedResolver>(0, "127.0.0.1", false);
     struct Case {
         std::string host, peer;
         uint16_t port;
@@ -126,7 +99,7 @@ TEST(Udp, EchoOverBothFamiliesAndNames) {
 TEST(Udp, FailedNameAndStoppedFrame) {
     ScopedCaptureLogger log;
     auto previous = IHostseekInterface::GetHostseekInstance(3, nullptr);
-    auto failing = std::make_shared<ScriptedResolver>(EAI_NONAME, "");
+    auto failing = std::make_shared<ScriptedResolver>(EAI_NONAME, "", false);
     IHostseekInterface::GetHostseekInstance(3, failing);
     {
         Frame frame;
