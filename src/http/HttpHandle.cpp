@@ -39,6 +39,10 @@ int CHttpHandle::InitHttpReq(const char* url, const char* tag, int reqType, std:
         return -1;
     }
     m_Self = new std::shared_ptr<CHttpHandle>(shared_from_this());
+    // The error buffer lives as long as the handle, so handles never armed
+    // do not carry it.
+    if (!m_CurlError) m_CurlError.reset(new char[CURL_ERROR_SIZE]);
+    m_CurlError[0] = '\0';
     if (!SetCommonOptions(url, connectTimeoutMs, timeoutMs) || !SetRequestType(reqType)) {
         FailInit();
         return -1;
@@ -48,6 +52,10 @@ int CHttpHandle::InitHttpReq(const char* url, const char* tag, int reqType, std:
     m_ReqType = reqType;
     m_Notic = std::move(notic);
     m_UserData = userData;
+    m_ErrorText.clear();
+    m_MaxBody = 0;
+    m_BodyBytes = 0;
+    m_BodyRefused = false;
     m_State.exchange(HTTP_HANDLE_READY);
     return 0;
 }
@@ -99,6 +107,8 @@ bool CHttpHandle::SetCommonOptions(const char* url, int connectTimeoutMs, int ti
          "[NETLOOP]err[%d:%s]curl set CURLOPT_WRITEFUNCTION failed"},
         {CURLOPT_WRITEDATA, m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_WRITEDATA failed"},
         {CURLOPT_READDATA, m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_READDATA failed"},
+        // libcurl's own words on a failure, kept for GetErrorText.
+        {CURLOPT_ERRORBUFFER, m_CurlError.get(), "[NETLOOP]err[%d:%s]curl set CURLOPT_ERRORBUFFER failed"},
         // With READDATA pointing at the handle, libcurl's default read function
         // would take it for a FILE*: a POST without a body or an upload without
         // a size reads through the handle's own callback instead.
@@ -234,6 +244,7 @@ int CHttpHandle::OperAdd(const std::shared_ptr<CHttpFrame>& frame, const AsynHtt
                     static_cast<int>(rc), curl_multi_strerror(rc));
         result = -1;
     } else {
+        BeginTransfer();
         OnWsAdded();
     }
     CallDone(oper, result);
@@ -379,22 +390,6 @@ long CHttpHandle::GetResponseCode() {
         WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl_easy_getinfo CURLINFO_RESPONSE_CODE failed",
                     static_cast<int>(rc), curl_easy_strerror(rc));
     return code;
-}
-
-// ---------------------------------------------------------------------------
-// The response
-
-size_t CHttpHandle::CurlWriteCallback(char* data, size_t size, size_t nmemb, void* userp) {
-    CHttpHandle* handle = static_cast<std::shared_ptr<CHttpHandle>*>(userp)->get();
-    const size_t len = size * nmemb;
-    if (handle->m_File != nullptr) {
-        std::fwrite(data, size, nmemb, handle->m_File);
-    } else if (handle->m_ReqType == HTTP_REQ_WEBSOCKET) {
-        handle->OnWsChunk(data, len);
-    } else {
-        handle->m_Response.append(data, len);
-    }
-    return nmemb;
 }
 
 // ---------------------------------------------------------------------------
