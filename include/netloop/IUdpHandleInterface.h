@@ -30,6 +30,8 @@ enum UdpStatus {
     UDP_STATUS_OK = 0,       // connected
     UDP_STATUS_FAILED = -1,  // the connect failed or the name could not be resolved
     UDP_STATUS_CLOSED = -2,  // the socket is closed
+    UDP_STATUS_ERROR = -3,   // a datagram could not be sent, or the socket reported an error (a peer
+                             // where nothing listens shows as a refused connection); the socket stays open
 };
 
 // Implemented by the application. Calls run on the loop thread, except a
