@@ -106,23 +106,30 @@ public:
     virtual ~IHttpHandleNotic() {}
 };
 
-// What happened on the wire, read by IHttpHandleInterface::GetTransferInfo after
-// OnFinish. The caller sets `structSize` (the default does); the library writes
-// only the fields that fit in it, so the struct can grow at its end.
+// What happened on the wire, filled by IHttpHandleInterface::GetTransferInfo.
+// The caller sets `structSize` (the default does); the library writes only the
+// fields that fit in it, so the struct can grow at its end. All figures are
+// libcurl's for the whole transfer: with redirects followed, the URL, address
+// and version are those of the last request, and each time adds up the
+// requests.
 struct HttpTransferInfo {
     size_t structSize = sizeof(HttpTransferInfo);
-    long httpVersion = 0;         // 10, 11, 20 or 30 for HTTP/1.0, 1.1, 2, 3; 0 when unknown
+    long httpVersion = 0;         // of the last response: 10, 11, 20 or 30 (HTTP/1.0, 1.1, 2, 3); 0 when none
     std::string effectiveUrl;     // the last URL used, after redirects
-    std::string remoteIp;         // numeric address of the server (or proxy) last connected to
-    long remotePort = 0;
-    // Microseconds from the start of the transfer to the end of each step.
-    curl_off_t nameLookupUs = 0;  // name resolved
-    curl_off_t connectUs = 0;     // TCP connected
-    curl_off_t tlsUs = 0;         // TLS handshake done (0 without TLS)
-    curl_off_t firstByteUs = 0;   // first response byte about to be read
-    curl_off_t totalUs = 0;       // the whole transfer
-    curl_off_t bytesSent = 0;     // request body bytes sent
-    curl_off_t bytesReceived = 0; // response body bytes received (after decoding)
+    std::string remoteIp;         // numeric address of the server (or proxy) last connected to; empty if none
+    long remotePort = 0;          // its port; 0 if none
+    // Microseconds from the start of the transfer to the end of each step, so
+    // that nameLookupUs <= connectUs <= tlsUs <= firstByteUs <= totalUs on a new
+    // TLS connection. A step that did not happen (no TLS, a reused connection,
+    // a transfer that failed before it) is 0.
+    curl_off_t nameLookupUs = 0;  // the server's name resolved
+    curl_off_t connectUs = 0;     // TCP connected to it (to the proxy, with one)
+    curl_off_t tlsUs = 0;         // TLS handshake done
+    curl_off_t firstByteUs = 0;   // the first response byte received
+    curl_off_t totalUs = 0;       // the whole transfer, up to its end
+    curl_off_t bytesSent = 0;     // request body bytes sent (POST body, upload); headers not counted
+    curl_off_t bytesReceived = 0; // response body bytes as they came, before content decoding; headers
+                                  // not counted
 };
 
 class NETLOOP_EXPORT IHttpHandleInterface {
@@ -220,32 +227,77 @@ public:
     // yet. Any thread.
     virtual size_t GetWsBufferedAmount() = 0;
 
-    // The largest response body kept in memory (no output file); 0 is no limit,
-    // the default. Before the add.
+    // The methods below belong to the application's thread like the setters
+    // above: the setters after InitHttpReq and before the add (refused with -1,
+    // silently, on a handle that is not armed and on a WebSocket handle);
+    // the getters from OnFinish until the done function of DelHttpReq has
+    // returned (for an open WebSocket: on the loop thread, from
+    // OnWsState(WS_STATE_OPEN) on). They read the finished transfer
+    // straight from libcurl, so call them from one thread at a time and never
+    // while a DelHttpReq or another add of the handle is on its way. After the
+    // teardown they find nothing: false, 0, an empty list, -1. Every setting
+    // ends with the transfer's teardown: a handle armed again starts from the
+    // defaults.
+
+    // A cap on the response body, in bytes; 0 (the default) is none. It counts
+    // the body as the application gets it (decoded, see EnableCompression),
+    // whether it is kept in memory or written to the output file. A body that
+    // announces a larger size is refused before any of it is read; one that
+    // grows past the cap is stopped there, with at most `bytes` of it kept.
+    // Either way the transfer ends with OnFinish(-2), libcurl's code
+    // (CURLE_FILESIZE_EXCEEDED, or CURLE_WRITE_ERROR when the decoded body
+    // passed the cap) in the DONE line, and GetErrorText tells why. -1 for a
+    // negative `bytes` (logged at level 60).
     virtual int SetMaxResponseSize(curl_off_t bytes) = 0;
-    // libcurl's own words on why the last transfer failed; empty when it said
-    // nothing. Valid after OnFinish or the end of a WebSocket.
+    // Why the last transfer failed, in libcurl's own words ("Failed to connect
+    // to ... Connection refused") or the library's (a body past the cap, a
+    // failed write to the output file). Empty after a success and when nothing
+    // more than the code in the log is known. Set before OnFinish or the end of
+    // a WebSocket is told, cleared by InitHttpReq; valid while the application
+    // holds the handle and no new transfer runs. Any state.
     virtual const std::string& GetErrorText() = 0;
-    // The request method: "HEAD", "DELETE", "PATCH", "OPTIONS" or any token.
-    // After InitHttpReq, before the add.
+    // The request method, an HTTP token (letters, digits and !#$%&'*+-.^_`|~),
+    // case as given. "HEAD" asks for the headers only: no body is read, and
+    // none is sent. Any other method replaces the name of the request type's
+    // method and keeps its body: the POST body of a POST handle, the upload
+    // stream of an upload handle, none for a GET handle ("DELETE", "PATCH",
+    // "OPTIONS", ...). A later call replaces an earlier one. -1 for a null
+    // `method`, and for an empty or invalid token (logged at level 60).
     virtual int SetMethod(const char* method) = 0;
-    // Follows up to `maxRedirects` redirects (http and https only); 0 turns
-    // following off, the default. After InitHttpReq, before the add.
+    // Follows up to `maxRedirects` redirects, to http and https URLs only (a
+    // Location with any other scheme ends the transfer with -2); one more than
+    // that ends it with -2 as well (CURLE_TOO_MANY_REDIRECTS). 0 turns following
+    // off, the default: a 3xx is then the transfer's result. A 301 or 302 turns
+    // a POST into a GET and a 303 turns every method but HEAD into one, as
+    // browsers do; 307 and 308 keep method and body (an upload whose stream
+    // cannot be read again fails there). The last URL is
+    // HttpTransferInfo::effectiveUrl. -1 for a negative count (logged at level
+    // 60).
     virtual int SetFollowRedirects(long maxRedirects) = 0;
-    // Asks for every content encoding libcurl supports and decodes the body.
-    // After InitHttpReq, before the add.
+    // true: offers every content encoding this libcurl decodes (gzip, deflate,
+    // br, zstd as built) and hands the application the decoded body; false, the
+    // default: offers none and passes the body on as it comes.
     virtual int EnableCompression(bool enable) = 0;
-    // The last value of response header `name` (any case) of the final response;
-    // false when it has none. After OnFinish.
+    // The value of response header `name` (any case) in the final response, the
+    // last one when the header is repeated; trailers count. false when the
+    // response has no such header, `value` then unchanged. For a WebSocket the
+    // final response is the 101 of the upgrade, readable from
+    // OnWsState(WS_STATE_OPEN) on.
     virtual bool GetResponseHeader(const char* name, std::string& value) = 0;
-    // Every value of response header `name` of the final response, in order;
-    // returns their count. After OnFinish.
+    // Every value of response header `name` (any case) in the final response,
+    // in the order received (Set-Cookie, for instance); `values` is replaced.
+    // Returns their count, 0 when there is none.
     virtual size_t GetResponseHeaderValues(const char* name, std::vector<std::string>& values) = 0;
-    // Every response header in order, of the final response or, with
-    // `allResponses`, of every response (1xx, redirects). After OnFinish.
+    // Every response header as (name, value), in the order received: of the
+    // final response, or, with `allResponses`, of every response of the
+    // transfer (1xx, redirects followed, proxy CONNECT), oldest first. Names
+    // keep the case the server sent (HTTP/2 sends lower case); the status line
+    // is not a header. `out` is replaced.
     virtual void GetResponseHeaderList(std::vector<std::pair<std::string, std::string>>& out,
                                        bool allResponses) = 0;
-    // What happened on the wire; see HttpTransferInfo. After OnFinish.
+    // Fills the fields of `info` that fit in info->structSize; see
+    // HttpTransferInfo. 0, or -1 for a null `info`, a structSize too small for
+    // any field, or a handle that is not armed.
     virtual int GetTransferInfo(HttpTransferInfo* info) = 0;
 
     virtual ~IHttpHandleInterface();

@@ -325,6 +325,7 @@ void CHttpFrame::EndWebSocket(CURL* easy, CURLcode result) {
     if (!*self) return;
     // The local reference outlives whatever the application does in the notice.
     std::shared_ptr<CHttpHandle> handle = *self;
+    handle->OnTransferEnded(result);
     handle->OnWsEnded(result);
 }
 
@@ -377,6 +378,7 @@ void CHttpFrame::FinishHttpReq(CURL* easy, CURLcode result) {
     // application deletes it and drops its own references there.
     std::shared_ptr<CHttpHandle> handle = *self;
     std::shared_ptr<CHttpHandle> keep = handle;
+    handle->OnTransferEnded(result);
     std::shared_ptr<IHttpHandleNotic> notic = handle->EndQueued() ? nullptr : handle->Notice();
     if (notic) notic->OnFinish(keep, result == CURLE_OK ? 0 : -2, handle->GetUserData());
 }

@@ -1,7 +1,10 @@
 // Pins a transfer's server address when the process resolver already knows it,
 // so libcurl does not resolve the name again.
+#include <arpa/inet.h>
 #include <netdb.h>
+#include <netinet/in.h>
 
+#include <cctype>
 #include <cstring>
 
 #include "hostseek/IHostseekInterface.h"
@@ -36,6 +39,45 @@ const char* DefaultPortOf(const std::string& scheme) {
     return "";
 }
 
+// "localhost", "localhost." and names under ".localhost", in any case.
+bool IsLocalhostName(std::string host) {
+    for (char& c : host) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (!host.empty() && host.back() == '.') host.pop_back();
+    static const char kName[] = "localhost";
+    const size_t n = sizeof(kName) - 1;
+    if (host == kName) return true;
+    return host.size() > n + 1 && host.compare(host.size() - n - 1, n + 1, ".localhost") == 0;
+}
+
+// Appends `text` to the comma-separated `list` unless it is there already.
+void AddOnce(std::string& list, const std::string& text) {
+    size_t at = 0;
+    while ((at = list.find(text, at)) != std::string::npos) {
+        const size_t end = at + text.size();
+        if ((at == 0 || list[at - 1] == ',') && (end == list.size() || list[end] == ',')) return;
+        at = end;
+    }
+    if (!list.empty()) list.append(1, ',');
+    list.append(text);
+}
+
+// The addresses of `chain` as libcurl's resolve entry writes them: IPv4 as
+// they are, IPv6 in brackets, each once, in the resolver's order.
+void CollectAddresses(const struct addrinfo* chain, std::string& v4, std::string& v6) {
+    char text[INET6_ADDRSTRLEN];
+    for (const struct addrinfo* ai = chain; ai != nullptr; ai = ai->ai_next) {
+        if (ai->ai_addr == nullptr) continue;
+        if (ai->ai_family == AF_INET) {
+            const auto* sin = reinterpret_cast<const sockaddr_in*>(ai->ai_addr);
+            if (inet_ntop(AF_INET, &sin->sin_addr, text, sizeof(text)) != nullptr) AddOnce(v4, text);
+        } else if (ai->ai_family == AF_INET6) {
+            const auto* sin6 = reinterpret_cast<const sockaddr_in6*>(ai->ai_addr);
+            if (inet_ntop(AF_INET6, &sin6->sin6_addr, text, sizeof(text)) != nullptr)
+                AddOnce(v6, std::string("[") + text + "]");
+        }
+    }
+}
+
 }  // namespace
 
 bool CHttpHandle::SplitUrlHostPort(const char* url, std::string& host, std::string& port) {
@@ -56,6 +98,9 @@ std::string CHttpHandle::BuildAddressPin(const char* url) {
     // libcurl refuses an entry without a port and fails the whole transfer, so
     // a pin that cannot name one is not made.
     if (port.empty()) return {};
+    // libcurl answers localhost names itself, with both loopback addresses and
+    // without asking the system: a pin could only take one of them away.
+    if (IsLocalhostName(host)) return {};
 
     struct addrinfo hints;
     std::memset(&hints, 0, sizeof(hints));
@@ -66,17 +111,18 @@ std::string CHttpHandle::BuildAddressPin(const char* url) {
     auto resolver = hostseek_interface::IHostseekInterface::GetHostseekInstance(3, nullptr);
     // Without a notice this only takes an answer that is at hand now.
     if (resolver->ResolveHost(host.c_str(), &hints, nullptr, nullptr, &result) != 0 || result == nullptr) return {};
-    std::string ipv4, ipv6;
-    hostseek_interface::IHostseekInterface::Parse(result, ipv4, ipv6);
-    if (ipv4.empty() && ipv6.empty()) return {};
-    // One allocation for the entry, however long it is.
-    const bool v4 = !ipv4.empty();
-    const std::string& address = v4 ? ipv4 : ipv6;
+    // Every address at hand goes into the entry, IPv4 first: libcurl tries
+    // them the way it tries a resolved name, so a server that answers on one
+    // family only is still reached. A pin must never make a transfer fail that
+    // would succeed without it.
+    std::string v4, v6;
+    CollectAddresses(result, v4, v6);
+    if (v4.empty() && v6.empty()) return {};
     std::string entry;
-    entry.reserve(host.size() + port.size() + address.size() + 4);
-    entry.append(host).append(1, ':').append(port).append(1, ':');
-    if (v4) return entry.append(address);
-    return entry.append(1, '[').append(address).append(1, ']');
+    entry.reserve(host.size() + port.size() + v4.size() + v6.size() + 3);
+    entry.append(host).append(1, ':').append(port).append(1, ':').append(v4);
+    if (!v4.empty() && !v6.empty()) entry.append(1, ',');
+    return entry.append(v6);
 }
 
 }  // namespace netloop

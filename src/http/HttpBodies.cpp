@@ -1,5 +1,8 @@
 // Where a transfer's bytes come from and go to: the POST body, the upload
 // source, the output file, and the progress report.
+#include <cerrno>
+#include <cstring>
+
 #include "frame/NetLog.h"
 #include "http/HttpHandle.h"
 #include "sysutil/sysutil.h"
@@ -52,8 +55,65 @@ int CHttpHandle::SetOutputFile(const char* path) {
         WriteNetLog(LOG_ERROR, "[NETLOOP]Open file[%s] failed", path);
         return -1;
     }
+    // Unbuffered: libcurl hands over whole chunks, and a write that fails
+    // (a full disk) must fail while the transfer can still report it, not in
+    // the fclose of the teardown.
+    std::setvbuf(m_File, nullptr, _IONBF, 0);
     m_FilePath = path;
     return 0;
+}
+
+size_t CHttpHandle::CurlWriteCallback(char* data, size_t size, size_t nmemb, void* userp) {
+    CHttpHandle* handle = static_cast<std::shared_ptr<CHttpHandle>*>(userp)->get();
+    const size_t len = size * nmemb;  // libcurl always passes a size of 1
+    if (handle->m_File != nullptr) return handle->WriteFile(data, len);
+    if (handle->m_ReqType == HTTP_REQ_WEBSOCKET) {
+        handle->OnWsChunk(data, len);
+        return len;
+    }
+    return handle->KeepBody(data, len);
+}
+
+// How many of `len` new body bytes the cap lets through. When it lets through
+// fewer, the callback returns less than it was given and libcurl ends the
+// transfer with CURLE_WRITE_ERROR; this covers what libcurl's own size limit
+// cannot see: a decoded body larger than its compressed form.
+static size_t BodyRoom(curl_off_t cap, curl_off_t taken, size_t len) {
+    if (cap <= 0) return len;
+    const curl_off_t room = cap > taken ? cap - taken : 0;
+    return static_cast<curl_off_t>(len) > room ? static_cast<size_t>(room) : len;
+}
+
+size_t CHttpHandle::KeepBody(const char* data, size_t len) {
+    const size_t room = BodyRoom(m_MaxBody, m_BodyBytes, len);
+    m_Response.append(data, room);
+    m_BodyBytes += static_cast<curl_off_t>(room);
+    if (room < len) RefuseOverCap();
+    return room;
+}
+
+size_t CHttpHandle::WriteFile(const char* data, size_t len) {
+    const size_t room = BodyRoom(m_MaxBody, m_BodyBytes, len);
+    const size_t written = std::fwrite(data, 1, room, m_File);
+    m_BodyBytes += static_cast<curl_off_t>(written);
+    if (written < room) {
+        // Losing the rest silently would report a truncated file as a success.
+        const int err = errno;
+        WriteNetLog(LOG_ERROR, "[NETLOOP]Write file[%s] failed[%d:%s]", m_FilePath.c_str(), err, std::strerror(err));
+        m_ErrorText = std::string("writing ") + m_FilePath + " failed: " + std::strerror(err);
+        m_BodyRefused = true;
+    } else if (room < len) {
+        RefuseOverCap();
+    }
+    return written;
+}
+
+void CHttpHandle::RefuseOverCap() {
+    if (m_BodyRefused) return;
+    const long long cap = static_cast<long long>(m_MaxBody);
+    WriteNetLog(LOG_ERROR, "[NETLOOP]%s response body larger than [%lld] bytes", m_Url.c_str(), cap);
+    m_ErrorText = "response body larger than " + std::to_string(cap) + " bytes";
+    m_BodyRefused = true;
 }
 
 int CHttpHandle::EnableProgress(bool enable) {

@@ -39,6 +39,7 @@ int CHttpHandle::InitHttpReq(const char* url, const char* tag, int reqType, std:
         return -1;
     }
     m_Self = new std::shared_ptr<CHttpHandle>(shared_from_this());
+    m_CurlError[0] = '\0';
     if (!SetCommonOptions(url, connectTimeoutMs, timeoutMs) || !SetRequestType(reqType)) {
         FailInit();
         return -1;
@@ -48,6 +49,10 @@ int CHttpHandle::InitHttpReq(const char* url, const char* tag, int reqType, std:
     m_ReqType = reqType;
     m_Notic = std::move(notic);
     m_UserData = userData;
+    m_ErrorText.clear();
+    m_MaxBody = 0;
+    m_BodyBytes = 0;
+    m_BodyRefused = false;
     m_State.exchange(HTTP_HANDLE_READY);
     return 0;
 }
@@ -99,6 +104,8 @@ bool CHttpHandle::SetCommonOptions(const char* url, int connectTimeoutMs, int ti
          "[NETLOOP]err[%d:%s]curl set CURLOPT_WRITEFUNCTION failed"},
         {CURLOPT_WRITEDATA, m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_WRITEDATA failed"},
         {CURLOPT_READDATA, m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_READDATA failed"},
+        // libcurl's own words on a failure, kept for GetErrorText.
+        {CURLOPT_ERRORBUFFER, m_CurlError, "[NETLOOP]err[%d:%s]curl set CURLOPT_ERRORBUFFER failed"},
         // With READDATA pointing at the handle, libcurl's default read function
         // would take it for a FILE*: a POST without a body or an upload without
         // a size reads through the handle's own callback instead.
@@ -258,6 +265,8 @@ int CHttpHandle::OperDel(const std::shared_ptr<CHttpFrame>& frame, const AsynHtt
 
 int CHttpHandle::RemoveFromMulti(const std::shared_ptr<CHttpFrame>& frame, const char* failure) {
     OnWsRemoved();
+    m_BodyBytes = 0;  // an aborted transfer's body does not count against the next one's cap
+    m_BodyRefused = false;
     CURLMcode rc = m_Curl != nullptr ? curl_multi_remove_handle(frame->m_Multi, m_Curl) : CURLM_BAD_EASY_HANDLE;
     if (rc == CURLM_OK) return 0;
     WriteNetLog(LOG_ERROR, failure, static_cast<int>(rc), curl_multi_strerror(rc));
@@ -308,22 +317,6 @@ long CHttpHandle::GetResponseCode() {
         WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl_easy_getinfo CURLINFO_RESPONSE_CODE failed",
                     static_cast<int>(rc), curl_easy_strerror(rc));
     return code;
-}
-
-// ---------------------------------------------------------------------------
-// The response
-
-size_t CHttpHandle::CurlWriteCallback(char* data, size_t size, size_t nmemb, void* userp) {
-    CHttpHandle* handle = static_cast<std::shared_ptr<CHttpHandle>*>(userp)->get();
-    const size_t len = size * nmemb;
-    if (handle->m_File != nullptr) {
-        std::fwrite(data, size, nmemb, handle->m_File);
-    } else if (handle->m_ReqType == HTTP_REQ_WEBSOCKET) {
-        handle->OnWsChunk(data, len);
-    } else {
-        handle->m_Response.append(data, len);
-    }
-    return nmemb;
 }
 
 // ---------------------------------------------------------------------------

@@ -94,6 +94,10 @@ public:
     static int CurlDebugCallback(CURL* handle, curl_infotype type, char* data, size_t size, void* userp);
     static size_t CurlWsHeaderCallback(char* data, size_t size, size_t nitems, void* userp);
 
+    // libcurl finished this transfer (HTTP or WebSocket) with `result`; the
+    // frame calls this before it tells the application. Loop thread.
+    void OnTransferEnded(CURLcode result);
+
     // WebSocket work that the frame runs on the loop thread outside libcurl:
     // right after the libcurl call that asked for it, or when the retry delay
     // of a stalled send has passed.
@@ -119,6 +123,12 @@ private:
     int RemoveFromMulti(const std::shared_ptr<CHttpFrame>& frame, const char* failure);
     void CallDone(const AsynHttpReq& oper, int result);
     void ReleaseTransfer();
+    size_t KeepBody(const char* data, size_t len);
+    size_t WriteFile(const char* data, size_t len);
+    void RefuseOverCap();
+    bool ApplyRequestType();
+    unsigned int HeaderOrigin() const;
+    void AppendHeaders(unsigned int origin, int request, std::vector<std::pair<std::string, std::string>>& out);
 
     // WebSocket (WsTransfer.cpp).
     enum WsPhase : uint8_t {
@@ -183,6 +193,10 @@ private:
     FILE* m_File = nullptr;
     std::string m_Response;
     std::string m_ErrorText;  // why the last transfer failed, for GetErrorText
+    char m_CurlError[CURL_ERROR_SIZE] = {};  // libcurl's CURLOPT_ERRORBUFFER (loop thread while running)
+    curl_off_t m_MaxBody = 0;                // SetMaxResponseSize; 0 is no cap
+    curl_off_t m_BodyBytes = 0;              // body bytes taken by the current transfer (loop thread)
+    bool m_BodyRefused = false;              // the current transfer's body passed the cap or the file failed
     std::list<std::string> m_HeaderList;
     std::string m_PostFields;
     std::shared_ptr<void> m_Context;

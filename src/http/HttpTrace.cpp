@@ -1,4 +1,6 @@
 // Server verification, request headers and libcurl's trace.
+#include <sys/stat.h>
+
 #include "frame/NetLog.h"
 #include "http/HttpHandle.h"
 
@@ -6,6 +8,16 @@ namespace netloop {
 
 int CHttpHandle::SetCaPath(const char* caPath) {
     if (!IsReady() || m_Curl == nullptr) return -1;
+    // A folder goes to CURLOPT_CAPATH and a file to CURLOPT_CAINFO; the other
+    // option is cleared so that only what the caller named is trusted. A path
+    // that is neither is refused before anything changes.
+    struct stat st;
+    const bool found = caPath != nullptr && ::stat(caPath, &st) == 0;
+    const bool folder = found && S_ISDIR(st.st_mode);
+    if (caPath != nullptr && !folder && !(found && S_ISREG(st.st_mode))) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]CA path[%s] is neither a file nor a folder", caPath);
+        return -1;
+    }
     const long verify = caPath != nullptr ? 1 : 0;
     CURLcode rc = curl_easy_setopt(m_Curl, CURLOPT_SSL_VERIFYPEER, verify);
     if (rc != CURLE_OK) {
@@ -20,17 +32,18 @@ int CHttpHandle::SetCaPath(const char* caPath) {
         return -1;
     }
     if (caPath == nullptr) return 0;
-    // One string serves both: a CA file or a folder of hashed certificates.
-    rc = curl_easy_setopt(m_Curl, CURLOPT_CAINFO, caPath);
+    const char* file = folder ? nullptr : caPath;
+    rc = curl_easy_setopt(m_Curl, CURLOPT_CAINFO, file);
     if (rc != CURLE_OK) {
         WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl set CURLOPT_CAINFO[%s] failed", static_cast<int>(rc),
-                    curl_easy_strerror(rc), caPath);
+                    curl_easy_strerror(rc), file != nullptr ? file : "");
         return -1;
     }
-    rc = curl_easy_setopt(m_Curl, CURLOPT_CAPATH, caPath);
+    const char* dir = folder ? caPath : nullptr;
+    rc = curl_easy_setopt(m_Curl, CURLOPT_CAPATH, dir);
     if (rc != CURLE_OK) {
         WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl set CURLOPT_CAPATH[%s] failed", static_cast<int>(rc),
-                    curl_easy_strerror(rc), caPath);
+                    curl_easy_strerror(rc), dir != nullptr ? dir : "");
         return -1;
     }
     return 0;
