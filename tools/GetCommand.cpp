@@ -246,18 +246,24 @@ bool RunTransfers(const GetArgs& a, TransferList& transfers, FILE* report) {
 
 // Renames the files of the successful transfers to their names and removes
 // the rest; the frame has stopped, so every file is closed.
-void SettleFiles(TransferList& transfers, bool keepErrorBodies) {
+// The library counts the bytes as they came, before decoding; only a body
+// that was not compressed can be checked against that count.
+bool CountComparable(const Transfer& t, const TransferOptions& options) {
+    return t.Succeeded() && t.facts.haveInfo && !options.compressed;
+}
+
+void SettleFiles(TransferList& transfers, const TransferOptions& options) {
     for (auto& tp : transfers) {
         Transfer& t = *tp;
         if (t.target.empty() || t.file.TempPath().empty()) continue;
         const int64_t size = t.file.Size();
-        if (t.Succeeded() && t.facts.haveInfo && size != t.facts.info.bytesReceived)
+        if (CountComparable(t, options) && size != t.facts.info.bytesReceived)
             t.why = "the file holds " + std::to_string(size) + " of " + std::to_string(t.facts.info.bytesReceived) +
                     " bytes received";
         t.bytes = std::max<int64_t>(size, 0);
         std::string error;
         const bool httpError = t.finished && t.facts.result == 0 && t.facts.status >= 400;
-        if (t.Succeeded() || (keepErrorBodies && httpError)) {
+        if (t.Succeeded() || (options.failWithBody && httpError)) {
             if (!t.file.Commit(error)) t.why = error;
         } else {
             t.file.Discard();
@@ -339,10 +345,10 @@ int RunGet(int argc, char** argv) {
 
     const bool finished = RunTransfers(a, transfers, report);
     if (!finished) std::fprintf(stderr, "netloop get: transfers did not end in time\n");
-    SettleFiles(transfers, a.options.failWithBody);
+    SettleFiles(transfers, a.options);
     Transfer& first = *transfers[0];
     if (single && !headersFirst && !relay.Finish(error)) first.why = error;
-    if (single && !headersFirst && first.Succeeded() && first.facts.haveInfo &&
+    if (single && !headersFirst && CountComparable(first, a.options) &&
         relay.Copied() != first.facts.info.bytesReceived)
         first.why = "stdout got " + std::to_string(relay.Copied()) + " of " +
                     std::to_string(first.facts.info.bytesReceived) + " bytes received";

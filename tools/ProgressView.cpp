@@ -145,14 +145,16 @@ void PrintSummary(FILE* out, const TransferList& transfers) {
                       FormatBytes(static_cast<double>(t.bytes)).c_str(), FormatSeconds(secs).c_str(),
                       FormatRate(static_cast<double>(t.bytes) / secs).c_str(), t.Succeeded() ? "ok" : "failed", "");
         const std::string fixed = line;
-        const std::string where = t.shownAs.empty() ? "" : " -> " + t.shownAs;
-        size_t room = width > fixed.size() + 1 ? width - fixed.size() - 1 : 0;
-        if (width > 0 && room < 20) room = 20;
-        // The URL gives way first: the output's name is what the user looks for.
-        std::string url = t.url;
-        if (room > 0 && url.size() + where.size() > room)
-            url = FitWidth(url, room > where.size() + 12 ? room - where.size() : 12);
-        std::fprintf(out, "%s%s\n", fixed.c_str(), FitWidth(url + where, room).c_str());
+        const std::string where = t.shownAs.empty() ? "" : "-> " + t.shownAs;
+        const size_t room = width > fixed.size() + 1 ? width - fixed.size() - 1 : 12;
+        // On a narrow terminal the output goes on a line of its own: the URL
+        // may be shortened, the name of the file never.
+        if (width == 0 || t.url.size() + 1 + where.size() <= room) {
+            std::fprintf(out, "%s%s %s\n", fixed.c_str(), t.url.c_str(), where.c_str());
+        } else {
+            std::fprintf(out, "%s%s\n", fixed.c_str(), FitWidth(t.url, room).c_str());
+            if (!where.empty()) std::fprintf(out, "%*s%s\n", static_cast<int>(fixed.size()), "", where.c_str());
+        }
     }
 }
 

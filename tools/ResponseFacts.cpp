@@ -13,7 +13,7 @@ void CaptureFacts(netloop::IHttpHandleInterface& handle, int result, ResponseFac
     if (facts.status < 0) facts.status = 0;
     facts.errorText = handle.GetErrorText();
     facts.haveInfo = handle.GetTransferInfo(&facts.info) == 0;
-    handle.GetResponseHeaderList(facts.headers, true);
+    handle.GetResponseHeaderList(facts.headers, false);
     handle.GetResponseHeader("Location", facts.location);
 }
 
@@ -41,40 +41,33 @@ std::string HttpVersionText(long version) {
 
 namespace {
 
-// A status line entry of the header list: the library lists each response's
-// status line with an empty name, or with the line itself as the name.
-bool IsStatusLine(const std::pair<std::string, std::string>& h, std::string& line) {
-    if (h.first.empty()) {
-        line = h.second;
-        return true;
-    }
-    if (h.first.compare(0, 5, "HTTP/") != 0) return false;
-    line = h.second.empty() ? h.first : h.first + " " + h.second;
-    return true;
+// The reason phrases of RFC 9110 for the statuses a download meets; the
+// library keeps no status line, so the reason is the standard one.
+const char* ReasonPhrase(long status) {
+    static const std::map<long, const char*> kReasons = {
+        {100, "Continue"}, {200, "OK"}, {201, "Created"}, {202, "Accepted"}, {204, "No Content"},
+        {206, "Partial Content"}, {301, "Moved Permanently"}, {302, "Found"}, {303, "See Other"},
+        {304, "Not Modified"}, {307, "Temporary Redirect"}, {308, "Permanent Redirect"}, {400, "Bad Request"},
+        {401, "Unauthorized"}, {403, "Forbidden"}, {404, "Not Found"}, {405, "Method Not Allowed"},
+        {408, "Request Timeout"}, {409, "Conflict"}, {410, "Gone"}, {411, "Length Required"},
+        {413, "Content Too Large"}, {416, "Range Not Satisfiable"}, {429, "Too Many Requests"},
+        {500, "Internal Server Error"}, {501, "Not Implemented"}, {502, "Bad Gateway"},
+        {503, "Service Unavailable"}, {504, "Gateway Timeout"},
+    };
+    auto it = kReasons.find(status);
+    return it == kReasons.end() ? "" : it->second;
 }
 
 }  // namespace
 
 std::string HeaderBlock(const ResponseFacts& facts) {
-    std::string out, line;
-    bool sawStatus = false;
-    for (const auto& h : facts.headers) {
-        if (IsStatusLine(h, line)) {
-            if (sawStatus) out += "\r\n";
-            out += line + "\r\n";
-            sawStatus = true;
-        } else {
-            out += h.first + ": " + h.second + "\r\n";
-        }
-    }
-    if (!sawStatus && facts.status != 0) {
-        // No status lines listed: the final response's, from its figures.
-        std::string version = HttpVersionText(facts.info.httpVersion);
-        out = "HTTP/" + (version == "0" ? std::string("1.1") : version) + " " + std::to_string(facts.status) +
-              " \r\n" + out;
-    }
-    if (!out.empty()) out += "\r\n";
-    return out;
+    if (facts.status == 0) return "";
+    // HTTP/2 and 3 carry no reason phrase: the line ends after the code.
+    const long version = facts.info.httpVersion;
+    std::string out = "HTTP/" + (version == 0 ? std::string("1.1") : HttpVersionText(version)) + " " +
+                      std::to_string(facts.status) + " " + (version >= 20 ? "" : ReasonPhrase(facts.status)) + "\r\n";
+    for (const auto& h : facts.headers) out += h.first + ": " + h.second + "\r\n";
+    return out + "\r\n";
 }
 
 namespace {
@@ -115,11 +108,9 @@ const std::map<std::string, Variable>& Variables() {
 
 // The last value of header `name` in the final response.
 std::string FinalHeader(const ResponseFacts& facts, const std::string& name) {
-    std::string value, line;
-    for (const auto& h : facts.headers) {
-        if (IsStatusLine(h, line)) value.clear();
-        else if (strcasecmp(h.first.c_str(), name.c_str()) == 0) value = h.second;
-    }
+    std::string value;
+    for (const auto& h : facts.headers)
+        if (strcasecmp(h.first.c_str(), name.c_str()) == 0) value = h.second;
     return value;
 }
 

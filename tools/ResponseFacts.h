@@ -17,7 +17,7 @@ struct ResponseFacts {
     std::string errorText;
     netloop::HttpTransferInfo info;
     bool haveInfo = false;
-    std::vector<std::pair<std::string, std::string>> headers;  // of every response, in order
+    std::vector<std::pair<std::string, std::string>> headers;  // of the final response, in order
     std::string location;                                      // the final response's Location
 };
 
@@ -32,8 +32,8 @@ std::string FailureReason(const ResponseFacts& facts);
 // "1.0", "1.1", "2", "3"; "0" when unknown (curl's spelling).
 std::string HttpVersionText(long version);
 
-// The response headers, each response's block as received: status line,
-// headers, an empty line, with CRLF line ends.
+// The final response's header block as curl prints it: status line, headers,
+// an empty line, CRLF line ends; empty without a response.
 std::string HeaderBlock(const ResponseFacts& facts);
 
 // Expands a -w format: %{name} variables, %header{name}, %% and the escapes
