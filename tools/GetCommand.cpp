@@ -358,11 +358,13 @@ int RunGet(int argc, char** argv) {
 
     int failures = 0;
     for (auto& t : transfers) failures += !t->Succeeded();
+    // The reasons end the summary; on its own, stderr gets them.
+    FILE* reasons = a.options.silent ? stderr : report;
     if (!a.options.silent) PrintSummary(report, transfers);
     for (auto& t : transfers)
-        if (!t->Succeeded())
-            std::fprintf(stderr, "netloop get: %s: %s\n", t->url.c_str(),
-                         t->why.c_str());
+        if (!t->Succeeded()) std::fprintf(reasons, "netloop get: %s: %s\n", t->url.c_str(), t->why.c_str());
+    if (failures > 0 && reasons != stderr)
+        std::fprintf(stderr, "netloop get: %d of %zu transfers failed\n", failures, transfers.size());
     std::fflush(report);
     return finished && printed && failures == 0 ? 0 : 1;
 }
