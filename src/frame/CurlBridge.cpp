@@ -73,13 +73,13 @@ bool CHttpFrame::SetupMulti(bool enablePipelining) {
     // refuses is only reported, the frame works on with libcurl's default.
     static const MultiOption kPipelining[] = {
         {CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX, "[NETLOOP]err[%d:%s]curl_multi_setopt CURLMOPT_PIPELINING failed"},
-        {CURLMOPT_MAX_PIPELINE_LENGTH, 50,
+        {CURLMOPT_MAX_PIPELINE_LENGTH, kMaxStreamsPerConnection,
          "[NETLOOP]err[%d:%s]curl_multi_setopt CURLMOPT_MAX_PIPELINE_LENGTH failed"},
-        {CURLMOPT_MAX_HOST_CONNECTIONS, 2,
+        {CURLMOPT_MAX_HOST_CONNECTIONS, kMaxHostConnections,
          "[NETLOOP]err[%d:%s]curl_multi_setopt CURLMOPT_MAX_HOST_CONNECTIONS failed"},
-        {CURLMOPT_MAX_TOTAL_CONNECTIONS, 10,
+        {CURLMOPT_MAX_TOTAL_CONNECTIONS, kMaxTotalConnections,
          "[NETLOOP]err[%d:%s]curl_multi_setopt CURLMOPT_MAX_TOTAL_CONNECTIONS failed"},
-        {CURLMOPT_MAXCONNECTS, 4, "[NETLOOP]err[%d:%s]curl_multi_setopt CURLMOPT_MAXCONNECTS failed"},
+        {CURLMOPT_MAXCONNECTS, kMaxKeptConnections, "[NETLOOP]err[%d:%s]curl_multi_setopt CURLMOPT_MAXCONNECTS failed"},
     };
     for (const MultiOption& opt : kPipelining) {
         CURLMcode rc = curl_multi_setopt(m_Multi, opt.option, opt.value);
@@ -239,6 +239,10 @@ CURLMcode CHttpFrame::SocketAction(curl_socket_t socket, int mask) {
     ++m_CurlDepth;
     CURLMcode rc = curl_multi_socket_action(m_Multi, socket, mask, &running);
     --m_CurlDepth;
+    if (m_StopDue && m_CurlDepth == 0) {
+        m_StopDue = false;
+        OnStop(&m_StopAsync);
+    }
     return rc;
 }
 
@@ -303,6 +307,7 @@ void CHttpFrame::CheckMultiInfo() {
         if (rc != CURLM_OK)
             WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl_multi_remove_handle failed while CheckMultiInfo",
                         static_cast<int>(rc), curl_multi_strerror(rc));
+        if (m_Gate) LeaveGate(easy);
         // A WebSocket's end is told by the handle, never as a finished transfer.
         if (IsWebSocketTransfer(easy)) {
             EndWebSocket(easy, result);
@@ -310,6 +315,8 @@ void CHttpFrame::CheckMultiInfo() {
         }
         FinishHttpReq(easy, result);
     }
+    // The slots freed above go to the transfers waiting for them.
+    StartWaiting();
 }
 
 void CHttpFrame::EndWebSocket(CURL* easy, CURLcode result) {

@@ -125,6 +125,7 @@ int CHttpFrame::Init(std::shared_ptr<IHttpFrameNotic> notice, bool enablePipelin
         m_State.exchange(FrameIdle);
         return -1;
     }
+    if (enablePipelining) m_Gate.reset(new CConnectionGate());
     m_Notice = std::move(notice);
     m_UserData = userData;
     m_State.exchange(FrameReady);
@@ -208,6 +209,8 @@ void CHttpFrame::ReleaseLoopResources() {
         m_Loop.reset();
     }
     m_WsDue.clear();
+    m_Gate.reset();
+    m_StopDue = false;
     m_CurlClosesSocket.clear();
     m_KeptSocketRecs.clear();
 }
@@ -295,7 +298,13 @@ void CHttpFrame::OnPrepare(uv_prepare_t* handle) {
 int CHttpFrame::Stop(bool forceAsyn) {
     if (m_State.load() != FrameReady || !m_Running.load()) return -1;
     const bool onLoop = IsLoopThread();
-    if (onLoop && !forceAsyn) {
+    if (onLoop && !forceAsyn && InsideCurl()) {
+        // The queued deletes that the stop runs cannot take a transfer out of
+        // libcurl while libcurl's call is on the stack: the stop waits for it
+        // to return, as those deletes would.
+        if (m_StopDue) return -1;
+        m_StopDue = true;
+    } else if (onLoop && !forceAsyn) {
         OnStop(&m_StopAsync);
     } else {
         std::lock_guard<std::mutex> lock(m_Mutex);
@@ -346,6 +355,7 @@ void CHttpFrame::StopOnLoop(uv_async_t*) {
                                 m_AsynOperReqList.end());
     }
     RunAsynOperReqs();
+    EndWaitingAtStop();
     CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_Timer));
     CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_StopAsync));
     CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_ReqAsync));
@@ -445,11 +455,13 @@ int CHttpFrame::AddHttpReq(std::shared_ptr<IHttpHandleInterface> handle, bool fo
 int CHttpFrame::DelHttpReq(std::shared_ptr<IHttpHandleInterface> handle, bool forceAsyn, HttpDoneFunc done,
                            void* userData) {
     if (!handle) return -1;
-    // Queued by the loop thread itself: the transfer may still end before the
-    // record runs, and must not be reported as finished then.
-    const bool queuedOnLoop = IsLoopThread() && (forceAsyn || InsideCurl());
+    // Made inside libcurl, the delete has to wait for the queue, but for the
+    // application the transfer ends here: what libcurl reports of it before
+    // the record runs is not passed on. A delete queued from anywhere else is
+    // a delete from outside, whatever comes before it is told.
+    const bool queuedInsideCurl = IsLoopThread() && InsideCurl();
     int rc = SubmitHandleOper<AsynHttpReq>(OperDelHttp, handle, forceAsyn, std::move(done), userData);
-    if (rc == 0 && queuedOnLoop) {
+    if (rc == 0 && queuedInsideCurl) {
         if (auto impl = ImplCast<CHttpHandle>(handle)) impl->SetEndQueued(true);
     }
     return rc;

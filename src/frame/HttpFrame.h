@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "frame/AsynOperReq.h"
+#include "frame/ConnectionGate.h"
 #include "netloop/IHttpInterface.h"
 #include "sysutil/sysutil.h"
 
@@ -101,6 +102,12 @@ public:
     void RunWsService();
     static void OnWsTimer(uv_timer_t* timer);
 
+    // Hands waiting transfers of a limited frame to libcurl while the limits
+    // leave room (loop thread, outside libcurl; nothing once the frame stops).
+    void StartWaiting();
+    // A transfer of a limited frame left libcurl: its slot is free.
+    void LeaveGate(CURL* easy);
+
     // The libcurl share locks (ShareLocks.cpp).
     static void OnShareLock(CURL* handle, curl_lock_data data, curl_lock_access access, void* userptr);
     static void OnShareUnLock(CURL* handle, curl_lock_data data, void* userptr);
@@ -123,11 +130,16 @@ public:
     CURLSH* m_Share = nullptr;
     std::mutex m_ShareMutex[kShareLockCount];
     int m_CurlDepth = 0;  // loop thread only; see InsideCurl
+    // Stop(false) was called inside libcurl: the stop runs as soon as the
+    // libcurl call has returned (loop thread only).
+    bool m_StopDue = false;
     uv_timer_t m_WsTimer;  // serves m_WsDue between libcurl calls
     // libcurl's "time-out 0" served on the next turn of the loop, without the
     // 1 ms wait of m_Timer (which stays armed as libcurl asked).
     uv_idle_t m_Kick;
     std::vector<std::weak_ptr<CHttpHandle>> m_WsDue;  // loop thread only
+    // Transfers waiting for a connection; frames with connection limits only.
+    std::unique_ptr<CConnectionGate> m_Gate;
 
     // The frame whose libcurl calls this thread makes: the loop thread's own
     // frame, or the frame whose loop resources are being released here.
@@ -153,6 +165,7 @@ public:
 private:
     void FrameThread(std::shared_ptr<CHttpFrame> self);
     void StopOnLoop(uv_async_t* handle);
+    void EndWaitingAtStop();
     void RunAsynOperReqs();
     void Uninit();
     // Releases share, multi handle, the frame's libuv handles and the loop,

@@ -175,6 +175,7 @@ void CHttpHandle::ReleaseTransfer() {
     m_HeaderSlist = nullptr;
     curl_slist_free_all(m_ResolveSlist);
     m_ResolveSlist = nullptr;
+    LeaveGateAtTeardown();
     curl_easy_cleanup(m_Curl);
     m_Curl = nullptr;
     m_JoinedShare = nullptr;
@@ -188,6 +189,19 @@ void CHttpHandle::ReleaseTransfer() {
     m_Self = nullptr;
     m_Notic.reset();
     m_State.exchange(HTTP_HANDLE_IDLE);
+}
+
+// A transfer torn down while the gate still counts it or has it in line (its
+// removal from libcurl failed): the gate forgets it, so its slot is not lost.
+void CHttpHandle::LeaveGateAtTeardown() {
+    if (!m_Seat.counted && m_Seat.ticket == 0) return;
+    std::shared_ptr<CHttpFrame> frame = Frame();
+    if (frame && frame->m_Gate) {
+        frame->m_Gate->Withdraw(m_Seat);
+        LeaveGate(*frame->m_Gate);
+        frame->StartWaiting();
+    }
+    m_Seat = GateSeat();
 }
 
 // ---------------------------------------------------------------------------
@@ -218,30 +232,8 @@ int CHttpHandle::DoAsynOper(std::shared_ptr<AsynOperReq> oper, std::shared_ptr<C
 int CHttpHandle::OperAdd(const std::shared_ptr<CHttpFrame>& frame, const AsynHttpReq& oper) {
     CURLMcode rc = CURLM_BAD_EASY_HANDLE;  // what libcurl answers for an idle handle
     if (m_Curl != nullptr && IsReady()) {
-        if (frame->m_Share != nullptr && m_JoinedShare != frame->m_Share) {
-            // The share's companions; a refused one only costs its own effect.
-            curl_easy_setopt(m_Curl, CURLOPT_SHARE, frame->m_Share);
-            curl_easy_setopt(m_Curl, CURLOPT_MAXLIFETIME_CONN, 300L);
-            curl_easy_setopt(m_Curl, CURLOPT_TCP_KEEPALIVE, 1L);
-            curl_easy_setopt(m_Curl, CURLOPT_TCP_KEEPIDLE, 30L);
-            curl_easy_setopt(m_Curl, CURLOPT_TCP_KEEPINTVL, 30L);
-            curl_easy_setopt(m_Curl, CURLOPT_DNS_CACHE_TIMEOUT, 1800L);
-            // libcurl reads and stores cookies only for a transfer whose cookie
-            // engine is on, also when the share holds the cookie store; an
-            // empty file name turns it on without reading any file. Each call
-            // adds a name to the easy handle's list, hence once per easy handle.
-            curl_easy_setopt(m_Curl, CURLOPT_COOKIEFILE, "");
-            m_JoinedShare = frame->m_Share;
-        }
-        if (!m_SocketHooks) {
-            // The frame keeps a connection's poll record between transfers
-            // and needs to hear when libcurl closes the socket; a refused
-            // option only costs that.
-            curl_easy_setopt(m_Curl, CURLOPT_SOCKOPTFUNCTION, &CHttpFrame::OnCurlSockopt);
-            curl_easy_setopt(m_Curl, CURLOPT_CLOSESOCKETFUNCTION, &CHttpFrame::OnCurlCloseSocket);
-            m_SocketHooks = true;
-        }
-        rc = curl_multi_add_handle(frame->m_Multi, m_Curl);
+        JoinFrame(frame);
+        rc = AddToMulti(frame);
     }
     int result = 0;
     if (rc != CURLM_OK) {
@@ -253,6 +245,74 @@ int CHttpHandle::OperAdd(const std::shared_ptr<CHttpFrame>& frame, const AsynHtt
     }
     CallDone(oper, result);
     return result;
+}
+
+// The options that tie the easy handle to the frame.
+void CHttpHandle::JoinFrame(const std::shared_ptr<CHttpFrame>& frame) {
+    if (frame->m_Share != nullptr && m_JoinedShare != frame->m_Share) {
+        // The share's companions; a refused one only costs its own effect.
+        curl_easy_setopt(m_Curl, CURLOPT_SHARE, frame->m_Share);
+        curl_easy_setopt(m_Curl, CURLOPT_MAXLIFETIME_CONN, 300L);
+        curl_easy_setopt(m_Curl, CURLOPT_TCP_KEEPALIVE, 1L);
+        curl_easy_setopt(m_Curl, CURLOPT_TCP_KEEPIDLE, 30L);
+        curl_easy_setopt(m_Curl, CURLOPT_TCP_KEEPINTVL, 30L);
+        curl_easy_setopt(m_Curl, CURLOPT_DNS_CACHE_TIMEOUT, 1800L);
+        // libcurl reads and stores cookies only for a transfer whose cookie
+        // engine is on, also when the share holds the cookie store; an
+        // empty file name turns it on without reading any file. Each call
+        // adds a name to the easy handle's list, hence once per easy handle.
+        curl_easy_setopt(m_Curl, CURLOPT_COOKIEFILE, "");
+        m_JoinedShare = frame->m_Share;
+    }
+    if (!m_SocketHooks) {
+        // The frame keeps a connection's poll record between transfers
+        // and needs to hear when libcurl closes the socket; a refused
+        // option only costs that.
+        curl_easy_setopt(m_Curl, CURLOPT_SOCKOPTFUNCTION, &CHttpFrame::OnCurlSockopt);
+        curl_easy_setopt(m_Curl, CURLOPT_CLOSESOCKETFUNCTION, &CHttpFrame::OnCurlCloseSocket);
+        m_SocketHooks = true;
+    }
+}
+
+// Into libcurl now or, on a frame with connection limits that leave no room
+// yet, into the frame's line: accepted either way (CURLM_OK).
+CURLMcode CHttpHandle::AddToMulti(const std::shared_ptr<CHttpFrame>& frame) {
+    if (!frame->m_Gate) return curl_multi_add_handle(frame->m_Multi, m_Curl);
+    // Running or waiting already: refused as libcurl refuses a second add.
+    if (m_Seat.counted || m_Seat.ticket != 0) return CURLM_ADDED_ALREADY;
+    if (!frame->m_Gate->Admit(shared_from_this(), m_Seat, m_Url, m_ReqType == HTTP_REQ_WEBSOCKET)) return CURLM_OK;
+    CURLMcode rc = curl_multi_add_handle(frame->m_Multi, m_Curl);
+    if (rc != CURLM_OK) frame->m_Gate->Left(m_Seat, 0);
+    return rc;
+}
+
+void CHttpHandle::StartWaited(const std::shared_ptr<CHttpFrame>& frame) {
+    CURLMcode rc = curl_multi_add_handle(frame->m_Multi, m_Curl);
+    if (rc == CURLM_OK) return;
+    WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl_multi_add_handle failed while AddHttpReq", static_cast<int>(rc),
+                curl_multi_strerror(rc));
+    frame->m_Gate->Left(m_Seat, 0);
+    EndUnstarted("[NETLOOP]%s not started: libcurl refused it");
+}
+
+void CHttpHandle::EndUnstarted(const char* format) {
+    WriteNetLog(LOG_ERROR, format, m_Url.c_str());
+    // The notice may delete the handle and drop the application's references.
+    std::shared_ptr<CHttpHandle> keep = shared_from_this();
+    if (m_ReqType == HTTP_REQ_WEBSOCKET) {
+        OnWsRemoved();
+        NotifyWsState(WS_STATE_FAILED);
+        return;
+    }
+    std::shared_ptr<IHttpHandleNotic> notic = m_EndQueued ? nullptr : m_Notic;
+    if (notic) notic->OnFinish(keep, -2, m_UserData);
+}
+
+void CHttpHandle::LeaveGate(CConnectionGate& gate) {
+    if (!m_Seat.counted) return;
+    long version = 0;
+    if (m_Curl != nullptr) curl_easy_getinfo(m_Curl, CURLINFO_HTTP_VERSION, &version);
+    gate.Left(m_Seat, version);
 }
 
 int CHttpHandle::OperDel(const std::shared_ptr<CHttpFrame>& frame, const AsynHttpReq& oper) {
@@ -267,10 +327,21 @@ int CHttpHandle::RemoveFromMulti(const std::shared_ptr<CHttpFrame>& frame, const
     OnWsRemoved();
     m_BodyBytes = 0;  // an aborted transfer's body does not count against the next one's cap
     m_BodyRefused = false;
+    if (m_Seat.ticket != 0 && frame->m_Gate) {
+        // Still waiting for a connection: libcurl never had it.
+        frame->m_Gate->Withdraw(m_Seat);
+        return 0;
+    }
     CURLMcode rc = m_Curl != nullptr ? curl_multi_remove_handle(frame->m_Multi, m_Curl) : CURLM_BAD_EASY_HANDLE;
-    if (rc == CURLM_OK) return 0;
-    WriteNetLog(LOG_ERROR, failure, static_cast<int>(rc), curl_multi_strerror(rc));
-    return -1;
+    if (rc != CURLM_OK) {
+        WriteNetLog(LOG_ERROR, failure, static_cast<int>(rc), curl_multi_strerror(rc));
+        return -1;
+    }
+    if (m_Seat.counted && frame->m_Gate) {
+        LeaveGate(*frame->m_Gate);
+        frame->StartWaiting();
+    }
+    return 0;
 }
 
 void CHttpHandle::CallDone(const AsynHttpReq& oper, int result) {

@@ -17,6 +17,7 @@
 #include <string>
 
 #include "frame/AsynOperReq.h"
+#include "frame/ConnectionGate.h"
 #include "netloop/IHttpHandleInterface.h"
 
 namespace netloop {
@@ -86,6 +87,17 @@ public:
     void SetEndQueued(bool queued) { m_EndQueued = queued; }
     bool EndQueued() const { return m_EndQueued; }
 
+    // The transfer's place at the gate of a limited frame (loop thread only).
+    GateSeat& Seat() { return m_Seat; }
+    // Its slot is free again: it has left libcurl.
+    void LeaveGate(CConnectionGate& gate);
+    // Its turn has come: into libcurl with it.
+    void StartWaited(const std::shared_ptr<CHttpFrame>& frame);
+    // Accepted but never handed to libcurl: told as a failed transfer (an
+    // HTTP transfer's OnFinish -2, a WebSocket's WS_STATE_FAILED), logged
+    // first with `format`, which takes the URL.
+    void EndUnstarted(const char* format);
+
     // libcurl callbacks; `userp` is m_Self.
     static size_t CurlWriteCallback(char* data, size_t size, size_t nmemb, void* userp);
     static size_t CurlReadCallback(char* buffer, size_t size, size_t nitems, void* userp);
@@ -121,6 +133,8 @@ private:
     int OperAdd(const std::shared_ptr<CHttpFrame>& frame, const AsynHttpReq& oper);
     int OperDel(const std::shared_ptr<CHttpFrame>& frame, const AsynHttpReq& oper);
     int RemoveFromMulti(const std::shared_ptr<CHttpFrame>& frame, const char* failure);
+    CURLMcode AddToMulti(const std::shared_ptr<CHttpFrame>& frame);
+    void JoinFrame(const std::shared_ptr<CHttpFrame>& frame);
     void CallDone(const AsynHttpReq& oper, int result);
     void ReleaseTransfer();
     size_t KeepBody(const char* data, size_t len);
@@ -129,6 +143,7 @@ private:
     bool ApplyRequestType();
     unsigned int HeaderOrigin() const;
     void AppendHeaders(unsigned int origin, int request, std::vector<std::pair<std::string, std::string>>& out);
+    void LeaveGateAtTeardown();
 
     // WebSocket (WsTransfer.cpp).
     enum WsPhase : uint8_t {
@@ -206,6 +221,7 @@ private:
     CURLSH* m_JoinedShare = nullptr;      // the share m_Curl was attached to (loop thread)
     bool m_EndQueued = false;             // see SetEndQueued (loop thread)
     bool m_SocketHooks = false;           // m_Curl has the frame's socket callbacks (loop thread)
+    GateSeat m_Seat;                      // see Seat (loop thread)
     std::atomic<int32_t> m_State{HTTP_HANDLE_IDLE};
 
     // WebSocket connection state; loop thread only unless noted.

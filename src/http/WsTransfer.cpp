@@ -181,6 +181,9 @@ bool CHttpHandle::OpenWs() {
 }
 
 void CHttpHandle::NotifyWsState(int state) {
+    // The application has deleted the connection from inside libcurl: nothing
+    // more is told of it.
+    if (m_EndQueued) return;
     std::shared_ptr<IHttpHandleNotic> notic = m_Notic;
     if (notic) notic->OnWsState(shared_from_this(), state, m_UserData);
 }
@@ -274,6 +277,7 @@ void CHttpHandle::DeliverWs(const char* data, size_t len, int type) {
         m_WsEarly.push_back({type, std::string(data, len)});
         return;
     }
+    if (m_EndQueued) return;  // deleted from inside libcurl: see NotifyWsState
     std::shared_ptr<IHttpHandleNotic> notic = m_Notic;
     if (notic) notic->OnWsData(data, len, type, m_UserData);
 }
@@ -305,13 +309,16 @@ int CHttpHandle::SendWsData(std::shared_ptr<std::vector<uint8_t>> data, int type
         SendWsOnLoop(std::move(data), flags, sent, false, frame->InsideCurl());
         return 0;
     }
-    *sent = SizeOf(data);
+    const size_t size = SizeOf(data);
     auto oper = std::make_shared<AsynWSSendReq>();
     oper->m_Type = OperWSSend;
     oper->m_Oper = shared_from_this();
     oper->data = std::move(data);
     oper->flags = static_cast<int>(flags);
-    return frame->PostAsynOper(std::move(oper)) ? 0 : -1;
+    // A frame that began to stop after the check above takes no record.
+    if (!frame->PostAsynOper(std::move(oper))) return -1;
+    *sent = size;
+    return 0;
 }
 
 // A send on the loop thread, by the application (`record` false: `sent` is the
