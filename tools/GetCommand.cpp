@@ -365,6 +365,11 @@ int RunGet(int argc, char** argv) {
         if (!t->Succeeded()) std::fprintf(reasons, "netloop get: %s: %s\n", t->url.c_str(), t->why.c_str());
     if (failures > 0 && reasons != stderr)
         std::fprintf(stderr, "netloop get: %d of %zu transfers failed\n", failures, transfers.size());
+    // The summary on stdout is output like any other: it has to arrive.
+    if (report == stdout && !FlushStdout(error)) {
+        std::fprintf(stderr, "netloop get: writing the summary failed: %s\n", error.c_str());
+        printed = false;
+    }
     std::fflush(report);
     return finished && printed && failures == 0 ? 0 : 1;
 }
