@@ -216,7 +216,12 @@ void PlanOutputs(const GetArgs& a, TransferList& transfers, const std::string& s
 
 // Runs every transfer to its end; false when the guard time ran out first.
 bool RunTransfers(const GetArgs& a, TransferList& transfers, FILE* report) {
-    RunningFrame frame(transfers.size() > 1);
+    // HTTP/2, and with it many streams on one connection, comes only over
+    // TLS; a frame that multiplexes also holds each host to two connections,
+    // which would leave plain HTTP/1.1 downloads two at a time.
+    bool multiplex = false;
+    for (const auto& t : transfers) multiplex |= transfers.size() > 1 && t->url.compare(0, 8, "https://") == 0;
+    RunningFrame frame(multiplex);
     if (!frame.Ok()) {
         for (auto& t : transfers) t->why = "the frame did not start";
         return false;

@@ -30,7 +30,7 @@ bool WriteAll(FILE* stream, const std::string& data, std::string& error) {
     errno = 0;
     if (std::fwrite(data.data(), 1, data.size(), stream) != data.size() || std::fflush(stream) != 0 ||
         std::ferror(stream)) {
-        error = errno != 0 ? std::strerror(errno) : "write failed";
+        error = errno != 0 ? std::strerror(errno) : "an earlier write to it failed";
         return false;
     }
     return true;

@@ -137,7 +137,11 @@ void PrintSummary(FILE* out, const TransferList& transfers) {
     std::fprintf(out, "\n%s\n", line);
     for (const auto& tp : transfers) {
         const Transfer& t = *tp;
-        const double secs = std::max(SecondsBetween(t.start, t.end), 1e-6);
+        // libcurl's own clock leaves out the time spent waiting for a connection slot.
+        const double secs = std::max(t.facts.haveInfo && t.facts.info.totalUs > 0
+                                         ? static_cast<double>(t.facts.info.totalUs) / 1e6
+                                         : SecondsBetween(t.start, t.end),
+                                     1e-6);
         const std::string code = t.facts.status > 0 ? std::to_string(t.facts.status) : "-";
         std::string version = HttpVersionText(t.facts.info.httpVersion);
         if (version == "0") version = "-";
