@@ -221,20 +221,22 @@ bool RunTransfers(const GetArgs& a, TransferList& transfers, FILE* report) {
     // which would leave plain HTTP/1.1 downloads two at a time.
     bool multiplex = false;
     for (const auto& t : transfers) multiplex |= transfers.size() > 1 && t->url.compare(0, 8, "https://") == 0;
+    // Declared before the frame: a done function that the frame's stop still
+    // runs counts down on it.
+    Latch allDone(static_cast<int>(transfers.size()));
     RunningFrame frame(multiplex);
     if (!frame.Ok()) {
         for (auto& t : transfers) t->why = "the frame did not start";
         return false;
     }
-    Latch allDone(static_cast<int>(transfers.size()));
     auto runner = std::make_shared<TransferRunner>(frame.Get(), transfers, static_cast<size_t>(a.jobs), a.http,
                                                    a.options, allDone);
     ProgressView view(report, transfers);
     runner->Begin();
-    // Each transfer carries its own limits; this guard only catches a hang.
-    const size_t rounds = (transfers.size() + static_cast<size_t>(a.jobs) - 1) / static_cast<size_t>(a.jobs);
+    // Each transfer carries its own limits; this guard only catches a hang,
+    // even when connection limits run the transfers one after another.
     const auto limit = a.http.timeoutMs > 0
-                           ? std::chrono::milliseconds((a.http.timeoutMs + 10000) * static_cast<long>(rounds))
+                           ? std::chrono::milliseconds((a.http.timeoutMs + 10000) * static_cast<long>(transfers.size()))
                            : std::chrono::hours(24 * 365);
     bool finished = allDone.WaitFor(std::chrono::milliseconds(200), [&] { if (!a.options.silent) view.Refresh(); },
                                     limit);
@@ -249,14 +251,14 @@ bool RunTransfers(const GetArgs& a, TransferList& transfers, FILE* report) {
     return finished;
 }
 
-// Renames the files of the successful transfers to their names and removes
-// the rest; the frame has stopped, so every file is closed.
 // The library counts the bytes as they came, before decoding; only a body
 // that was not compressed can be checked against that count.
 bool CountComparable(const Transfer& t, const TransferOptions& options) {
     return t.Succeeded() && t.facts.haveInfo && !options.compressed;
 }
 
+// Renames the files of the successful transfers to their names and removes
+// the rest; the frame has stopped, so every file is closed.
 void SettleFiles(TransferList& transfers, const TransferOptions& options) {
     for (auto& tp : transfers) {
         Transfer& t = *tp;
