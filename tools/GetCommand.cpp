@@ -315,6 +315,39 @@ bool PrintResults(const GetArgs& a, TransferList& transfers, const StagedFile& h
     return FlushStdout(error);
 }
 
+// A body on stdout streams through a pipe, or waits in a temporary file
+// when the headers come first. Returns what the library writes to; empty
+// with `error` when neither can be made.
+std::string PrepareStdout(bool headersFirst, StdoutRelay& relay, StagedFile& held, std::string& error) {
+    if (!headersFirst) return relay.Start(error) ? relay.WriterPath() : "";
+    const char* tmp = std::getenv("TMPDIR");
+    return held.Create(std::string(tmp && *tmp ? tmp : "/tmp") + "/netloop-body", error) ? held.TempPath() : "";
+}
+
+// Ends the copy to stdout and holds it against what the library received.
+void CheckRelayed(StdoutRelay& relay, Transfer& t, const TransferOptions& options) {
+    std::string error;
+    if (!relay.Finish(error)) t.why = error;
+    else if (CountComparable(t, options) && relay.Copied() != t.facts.info.bytesReceived)
+        t.why = "stdout got " + std::to_string(relay.Copied()) + " of " + std::to_string(t.facts.info.bytesReceived) +
+                " bytes received";
+}
+
+// The summary and every failure's reason; returns the number of failures.
+int ReportOutcome(const GetArgs& a, const TransferList& transfers, FILE* report, std::string& error) {
+    int failures = 0;
+    for (auto& t : transfers) failures += !t->Succeeded();
+    // The reasons end the summary; on its own, stderr gets them.
+    FILE* reasons = a.options.silent ? stderr : report;
+    if (!a.options.silent) PrintSummary(report, transfers);
+    for (auto& t : transfers)
+        if (!t->Succeeded()) std::fprintf(reasons, "netloop get: %s: %s\n", t->url.c_str(), t->why.c_str());
+    if (failures > 0 && reasons != stderr)
+        std::fprintf(stderr, "netloop get: %d of %zu transfers failed\n", failures, transfers.size());
+    std::fflush(report);
+    return failures;
+}
+
 }  // namespace
 
 int RunGet(int argc, char** argv) {
@@ -332,52 +365,28 @@ int RunGet(int argc, char** argv) {
     const bool stdoutBusy = single || a.options.head || !a.options.writeOut.empty() || a.options.headerFile == "-";
     FILE* report = stdoutBusy ? stderr : stdout;
 
-    // A body on stdout streams through a pipe, or waits in a temporary file
-    // when the headers come first.
     StdoutRelay relay;
     StagedFile held;
-    std::string sink;
-    if (single && headersFirst) {
-        const char* tmp = std::getenv("TMPDIR");
-        if (held.Create(std::string(tmp && *tmp ? tmp : "/tmp") + "/netloop-body", error)) sink = held.TempPath();
-    } else if (single) {
-        if (relay.Start(error)) sink = relay.WriterPath();
-    }
+    const std::string sink = single ? PrepareStdout(headersFirst, relay, held, error) : "";
     if (single && sink.empty()) {
         std::fprintf(stderr, "netloop get: %s\n", error.c_str());
         return 1;
     }
     TransferList transfers;
     PlanOutputs(a, transfers, sink, headersFirst);
-
     const bool finished = RunTransfers(a, transfers, report);
     if (!finished) std::fprintf(stderr, "netloop get: transfers did not end in time\n");
     SettleFiles(transfers, a.options);
-    Transfer& first = *transfers[0];
-    if (single && !headersFirst && !relay.Finish(error)) first.why = error;
-    if (single && !headersFirst && CountComparable(first, a.options) &&
-        relay.Copied() != first.facts.info.bytesReceived)
-        first.why = "stdout got " + std::to_string(relay.Copied()) + " of " +
-                    std::to_string(first.facts.info.bytesReceived) + " bytes received";
+    if (single && !headersFirst) CheckRelayed(relay, *transfers[0], a.options);
     bool printed = PrintResults(a, transfers, held, error);
     held.Discard();
     if (!printed) std::fprintf(stderr, "netloop get: writing the output failed: %s\n", error.c_str());
-
-    int failures = 0;
-    for (auto& t : transfers) failures += !t->Succeeded();
-    // The reasons end the summary; on its own, stderr gets them.
-    FILE* reasons = a.options.silent ? stderr : report;
-    if (!a.options.silent) PrintSummary(report, transfers);
-    for (auto& t : transfers)
-        if (!t->Succeeded()) std::fprintf(reasons, "netloop get: %s: %s\n", t->url.c_str(), t->why.c_str());
-    if (failures > 0 && reasons != stderr)
-        std::fprintf(stderr, "netloop get: %d of %zu transfers failed\n", failures, transfers.size());
+    const int failures = ReportOutcome(a, transfers, report, error);
     // The summary on stdout is output like any other: it has to arrive.
-    if (report == stdout && !FlushStdout(error)) {
+    if (printed && report == stdout && !FlushStdout(error)) {
         std::fprintf(stderr, "netloop get: writing the summary failed: %s\n", error.c_str());
         printed = false;
     }
-    std::fflush(report);
     return finished && printed && failures == 0 ? 0 : 1;
 }
 
