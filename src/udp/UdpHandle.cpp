@@ -53,7 +53,8 @@ bool CUdpHandle::IsIpv4() const {
 // Application threads
 
 int CUdpHandle::SendUdpData(std::shared_ptr<std::vector<uint8_t>> data) {
-    if (!data) return -1;
+    // An empty datagram is refused: the peer could not tell it from no data.
+    if (!data || data->empty()) return -1;
     if (m_State.load() != UDP_HANDLE_CONNECTED) return -1;
     CHttpFrame* frame = m_FramePtr.load(std::memory_order_acquire);
     if (frame == nullptr) return -1;

@@ -61,8 +61,9 @@ sockaddr_storage Address(const std::string& host, uint16_t port, socklen_t& len)
     return s;
 }
 
-// A port that was free a moment ago; whoever binds it may still lose it, so
-// callers retry with another.
+}  // namespace
+
+// Whoever binds it may still lose it, so the servers retry with another.
 uint16_t FreePort(const std::string& host, int type) {
     socklen_t len = 0;
     sockaddr_storage s = Address(host, 0, len);
@@ -76,6 +77,8 @@ uint16_t FreePort(const std::string& host, int type) {
     if (port == 0) throw std::runtime_error("no free port on " + host);
     return port;
 }
+
+namespace {
 
 bool Accepts(const std::string& host, uint16_t port) {
     socklen_t len = 0;
@@ -111,12 +114,15 @@ std::string Run(const std::string& command) {
 
 // ---- processes and folders ----
 
-ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::string& logFile) : m_LogFile(logFile) {
+ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::string& logFile,
+                           const std::string& stdinFile)
+    : m_LogFile(logFile) {
     std::vector<char*> args;
     for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
     int out = open(logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (out < 0) throw std::runtime_error("cannot open " + logFile);
+    int in = open(stdinFile.c_str(), O_RDONLY | O_CLOEXEC);
+    if (out < 0 || in < 0) throw std::runtime_error("cannot open " + logFile + " or " + stdinFile);
     pid_t parent = getpid();
     m_Pid = fork();
     if (m_Pid == 0) {
@@ -128,7 +134,6 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::stri
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
         signal(SIGPIPE, SIG_DFL);
-        int in = open("/dev/null", O_RDONLY);
         dup2(in, 0);
         dup2(out, 1);
         dup2(out, 2);
@@ -136,6 +141,7 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::stri
         _exit(127);
     }
     close(out);
+    close(in);
     if (m_Pid < 0) throw std::runtime_error("fork failed for " + argv[0]);
 }
 
@@ -163,6 +169,19 @@ void ChildProcess::Stop() {
         waitpid(m_Pid, nullptr, 0);
         m_Pid = -1;
     }
+}
+
+int ChildProcess::Wait(int seconds) {
+    for (auto deadline = Clock::now() + std::chrono::seconds(seconds); Clock::now() < deadline;) {
+        int status = 0;
+        if (waitpid(m_Pid, &status, WNOHANG) == m_Pid) {
+            m_Pid = -1;
+            return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    Stop();
+    return -1;
 }
 
 std::string ChildProcess::Log() const { return ReadAll(m_LogFile); }
@@ -234,7 +253,7 @@ std::string Nginx::Config() const {
     c << "daemon off;\nmaster_process off;\npid " << d << "/nginx.pid;\nerror_log " << d << "/error.log warn;\n"
       << "events { worker_connections 1024; }\nhttp {\n"
       << "  default_type application/octet-stream;\n"
-      << "  log_format t '$server_protocol $request_method $request_uri $status $body_bytes_sent';\n"
+      << "  log_format t '$connection $server_protocol $request_method $request_uri $status $body_bytes_sent';\n"
       << "  access_log " << d << "/access.log t;\n"
       << "  client_max_body_size 0;\n";
     for (const char* temp : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"})

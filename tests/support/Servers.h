@@ -48,11 +48,13 @@ struct TestCaFiles {
 };
 const TestCaFiles& TestCa();
 
-// One child process in its own process group; stdout and stderr go to a log
-// file. The destructor sends SIGTERM to the group, SIGKILL after 5 s.
+// One child process in its own process group; stdin comes from `stdinFile`,
+// stdout and stderr go to a log file. The destructor sends SIGTERM to the
+// group, SIGKILL after 5 s.
 class ChildProcess {
 public:
-    ChildProcess(const std::vector<std::string>& argv, const std::string& logFile);
+    ChildProcess(const std::vector<std::string>& argv, const std::string& logFile,
+                 const std::string& stdinFile = "/dev/null");
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
@@ -60,6 +62,9 @@ public:
     pid_t Pid() const { return m_Pid; }
     bool Exited();  // reaps it when it has
     void Stop();
+    // Waits for the exit, at most `seconds`; the exit status, or -1 when it had
+    // to be killed or ended by a signal.
+    int Wait(int seconds);
     std::string Log() const;
     // The number after "<key> " on a line of the log, waited for (30 s at
     // most); throws when it does not come or the child ends first.
@@ -107,7 +112,7 @@ public:
     // <root>/<name> with `size` bytes of Pattern(size).
     std::string CreateFile(const std::string& name, size_t size);
     std::string ErrorLog() const;
-    // One line per finished request: "<protocol> <method> <uri> <status> <body bytes>".
+    // One line per finished request: "<connection> <protocol> <method> <uri> <status> <body bytes>".
     std::vector<std::string> AccessLog() const;
 
 private:
@@ -157,6 +162,10 @@ private:
     std::unique_ptr<ChildProcess> m_Process;
     uint16_t m_Port = 0;
 };
+
+// A TCP (or, with SOCK_DGRAM, UDP) port on `host` that was free a moment ago:
+// a port nobody listens on, for refused connections.
+uint16_t FreePort(const std::string& host = "127.0.0.1", int type = 1 /* SOCK_STREAM */);
 
 // `size` bytes of a fixed pattern that no shift or truncation maps onto itself.
 std::string Pattern(size_t size);

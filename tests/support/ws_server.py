@@ -59,7 +59,8 @@ async def refuse(path, headers):
 async def main():
     args = sys.argv
     host = args[args.index("--host") + 1] if "--host" in args else "127.0.0.1"
-    options = dict(process_request=refuse, max_size=None, compression=None, ping_interval=None)
+    options = dict(process_request=refuse, max_size=None, compression=None, ping_interval=None,
+                   close_timeout=2)
     plain = await websockets.serve(handler, host, 0, **options)
     print("ws", plain.sockets[0].getsockname()[1], flush=True)
     if "--cert" in args:
