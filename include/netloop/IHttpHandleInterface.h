@@ -253,8 +253,9 @@ public:
     // to ... Connection refused") or the library's (a body past the cap, a
     // failed write to the output file). Empty after a success and when nothing
     // more than the code in the log is known. Set before OnFinish or the end of
-    // a WebSocket is told, cleared by InitHttpReq; valid while the application
-    // holds the handle and no new transfer runs. Any state.
+    // a WebSocket is told, emptied when the handle is armed or added again; the
+    // reference stays valid while the application holds the handle, the text
+    // until the next transfer starts. Any state, also after the teardown.
     virtual const std::string& GetErrorText() = 0;
     // The request method, an HTTP token (letters, digits and !#$%&'*+-.^_`|~),
     // case as given. "HEAD" asks for the headers only: no body is read, and

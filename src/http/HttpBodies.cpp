@@ -101,7 +101,6 @@ size_t CHttpHandle::WriteFile(const char* data, size_t len) {
         const int err = errno;
         WriteNetLog(LOG_ERROR, "[NETLOOP]Write file[%s] failed[%d:%s]", m_FilePath.c_str(), err, std::strerror(err));
         m_ErrorText = std::string("writing ") + m_FilePath + " failed: " + std::strerror(err);
-        m_BodyRefused = true;
     } else if (room < len) {
         RefuseOverCap();
     }

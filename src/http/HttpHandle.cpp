@@ -39,6 +39,9 @@ int CHttpHandle::InitHttpReq(const char* url, const char* tag, int reqType, std:
         return -1;
     }
     m_Self = new std::shared_ptr<CHttpHandle>(shared_from_this());
+    // The error buffer lives as long as the handle, so handles never armed
+    // do not carry it.
+    if (!m_CurlError) m_CurlError.reset(new char[CURL_ERROR_SIZE]);
     m_CurlError[0] = '\0';
     if (!SetCommonOptions(url, connectTimeoutMs, timeoutMs) || !SetRequestType(reqType)) {
         FailInit();
@@ -105,7 +108,7 @@ bool CHttpHandle::SetCommonOptions(const char* url, int connectTimeoutMs, int ti
         {CURLOPT_WRITEDATA, m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_WRITEDATA failed"},
         {CURLOPT_READDATA, m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_READDATA failed"},
         // libcurl's own words on a failure, kept for GetErrorText.
-        {CURLOPT_ERRORBUFFER, m_CurlError, "[NETLOOP]err[%d:%s]curl set CURLOPT_ERRORBUFFER failed"},
+        {CURLOPT_ERRORBUFFER, m_CurlError.get(), "[NETLOOP]err[%d:%s]curl set CURLOPT_ERRORBUFFER failed"},
         // With READDATA pointing at the handle, libcurl's default read function
         // would take it for a FILE*: a POST without a body or an upload without
         // a size reads through the handle's own callback instead.
@@ -241,6 +244,7 @@ int CHttpHandle::OperAdd(const std::shared_ptr<CHttpFrame>& frame, const AsynHtt
                     static_cast<int>(rc), curl_multi_strerror(rc));
         result = -1;
     } else {
+        BeginTransfer();
         OnWsAdded();
     }
     CallDone(oper, result);
@@ -325,8 +329,6 @@ int CHttpHandle::OperDel(const std::shared_ptr<CHttpFrame>& frame, const AsynHtt
 
 int CHttpHandle::RemoveFromMulti(const std::shared_ptr<CHttpFrame>& frame, const char* failure) {
     OnWsRemoved();
-    m_BodyBytes = 0;  // an aborted transfer's body does not count against the next one's cap
-    m_BodyRefused = false;
     if (m_Seat.ticket != 0 && frame->m_Gate) {
         // Still waiting for a connection: libcurl never had it.
         frame->m_Gate->Withdraw(m_Seat);

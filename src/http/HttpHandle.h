@@ -109,6 +109,9 @@ public:
     // libcurl finished this transfer (HTTP or WebSocket) with `result`; the
     // frame calls this before it tells the application. Loop thread.
     void OnTransferEnded(CURLcode result);
+    // A transfer went into the multi handle: what belongs to one transfer
+    // (error text, body count) starts afresh. Loop thread.
+    void BeginTransfer();
 
     // WebSocket work that the frame runs on the loop thread outside libcurl:
     // right after the libcurl call that asked for it, or when the retry delay
@@ -208,10 +211,10 @@ private:
     FILE* m_File = nullptr;
     std::string m_Response;
     std::string m_ErrorText;  // why the last transfer failed, for GetErrorText
-    char m_CurlError[CURL_ERROR_SIZE] = {};  // libcurl's CURLOPT_ERRORBUFFER (loop thread while running)
+    std::unique_ptr<char[]> m_CurlError;     // libcurl's CURLOPT_ERRORBUFFER, made by the first InitHttpReq
     curl_off_t m_MaxBody = 0;                // SetMaxResponseSize; 0 is no cap
     curl_off_t m_BodyBytes = 0;              // body bytes taken by the current transfer (loop thread)
-    bool m_BodyRefused = false;              // the current transfer's body passed the cap or the file failed
+    bool m_BodyRefused = false;              // the current transfer's body passed the cap (logged once)
     std::list<std::string> m_HeaderList;
     std::string m_PostFields;
     std::shared_ptr<void> m_Context;

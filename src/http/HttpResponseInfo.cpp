@@ -5,12 +5,17 @@
 
 namespace netloop {
 
-void CHttpHandle::OnTransferEnded(CURLcode result) {
-    // A body refused by the write callback has its own reason already;
-    // libcurl would only say that the callback took fewer bytes.
-    if (!m_BodyRefused) m_ErrorText = result == CURLE_OK ? std::string() : std::string(m_CurlError);
+void CHttpHandle::BeginTransfer() {
+    m_ErrorText.clear();
     m_BodyBytes = 0;
     m_BodyRefused = false;
+}
+
+void CHttpHandle::OnTransferEnded(CURLcode result) {
+    // A reason the library found itself (a body past the cap, a failed write,
+    // a failed WebSocket) stands: libcurl would only say that its callback
+    // refused the bytes. libcurl's words fill in the rest.
+    if (m_ErrorText.empty() && result != CURLE_OK) m_ErrorText = m_CurlError.get();
 }
 
 const std::string& CHttpHandle::GetErrorText() { return m_ErrorText; }
