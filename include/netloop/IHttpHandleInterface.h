@@ -61,9 +61,9 @@ enum WsState {
 
 // Implemented by the application. Every call runs on the frame's loop thread.
 // OnWsData, OnProgress and OnUploadRead run inside libcurl: a DelHttpReq,
-// AddHttpReq or Disconnect made from there is carried out after the callback
-// returns, and a transfer that ends in between gets no OnFinish once a delete
-// or disconnect is on its way.
+// AddHttpReq, Disconnect or Stop made from there is carried out after the
+// callback returns, and once a delete or disconnect made there is on its way
+// nothing more is told of the transfer (no OnFinish, OnWsState or OnWsData).
 class IHttpHandleNotic {
 public:
     // A complete WebSocket message of WsMessageType `type`. `data` is valid for the
@@ -141,8 +141,10 @@ public:
     // Arms an idle handle: makes the easy handle and sets the fixed options
     // (HTTP/2 over TLS, ALPN, TLS up to 1.3, no signals), the method of `reqType`,
     // `connectTimeoutMs` and `timeoutMs` as libcurl takes them (0: libcurl's
-    // meaning), and pins the server's address when the process resolver has it at
-    // hand. `tag` (may be null) is the application's text for GetTag and
+    // meaning), counted from the moment the transfer reaches libcurl: on a
+    // frame with connection limits the time it waited for a connection in the
+    // frame is not part of them. Pins the server's address when the process
+    // resolver has it at hand. `tag` (may be null) is the application's text for GetTag and
     // OnProgress. `notic` may be empty. Returns 0, or -1 for a null `url`, a
     // handle that is not idle, or an option libcurl refused (logged).
     virtual int InitHttpReq(const char* url, const char* tag, int reqType, std::shared_ptr<IHttpHandleNotic> notic,
@@ -151,8 +153,11 @@ public:
     // Takes the transfer out of the frame's multi handle: aborts an HTTP transfer
     // (no OnFinish) or drops a WebSocket connection without a close frame, and
     // with it the messages still waiting to go out. The handle stays armed; added
-    // again, a WebSocket makes a fresh connection. Any thread. -1 when not armed,
-    // or when the frame is not running (logged).
+    // again, a WebSocket makes a fresh connection. A transfer still waiting for
+    // a connection leaves the frame's line; a WebSocket then ends as a
+    // connection that never opened, without a notice. Any thread. -1 when not
+    // armed, or when the frame is not running or has begun to stop (logged):
+    // nothing is done then.
     virtual int Disconnect() = 0;
 
     // POST body, up to its first NUL; the handle keeps its own copy. POST handles
@@ -177,7 +182,9 @@ public:
     // Returns 0 when handed on; -1 for a handle that is not an armed WebSocket with
     // a frame, a null `sent`, an unknown type ("[NETLOOP]unknow websocket type[%d]")
     // or a stopped frame ("[NETLOOP]Can not send ws data req now"), the last two
-    // logged at level 60.
+    // logged at level 60, and -1 when the frame begins to stop while the message
+    // is on its way to the queue. After -1 nothing is sent and `*sent` is left
+    // as it was.
     virtual int SendWsData(std::shared_ptr<std::vector<uint8_t>> data, int type, size_t* sent) = 0;
 
     // Writes libcurl's trace of this transfer to the log at level 0.

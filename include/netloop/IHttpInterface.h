@@ -50,7 +50,13 @@ public:
     // Builds the loop, the multi handle and, with `enableShare`, a share that
     // gives all transfers one DNS cache, TLS session cache, connection cache and
     // cookie store. `enablePipelining` turns on HTTP/2 multiplexing with tight
-    // connection limits (2 per host, 10 in all, 4 kept). `notice` may be empty.
+    // connection limits (2 per host, 10 in all, 4 kept, 50 streams on each
+    // multiplexed connection). On such a frame a transfer that the limits
+    // leave no connection for waits in the frame's own line, first added first
+    // run, one line per server (scheme, host, port), and is handed to libcurl
+    // when a transfer ahead of it ends; its time-outs start only then. A server
+    // gets as many transfers at once as the limits can run: 2, or up to 100
+    // once a response from it has come over HTTP/2. `notice` may be empty.
     // Any thread. -1 when the frame is not idle (set up, running or still
     // stopping) or a libuv/libcurl step failed (logged); nothing is kept then.
     virtual int Init(std::shared_ptr<IHttpFrameNotic> notice, bool enablePipelining, bool enableShare,
@@ -71,7 +77,11 @@ public:
     // is signalled; from the loop thread with `forceAsyn` false it runs at once.
     // From another thread Stop returns after OnFrameStop and the release of the
     // frame's resources; on the loop thread it returns at once and the loop ends
-    // after the current callback. -1 when not running (also a second Stop).
+    // after the current callback. Inside OnProgress, OnUploadRead or OnWsData
+    // (inside libcurl) the stop runs as soon as libcurl's call has returned. A
+    // transfer of a limited frame still waiting for a connection when the stop
+    // runs never starts: it gets OnFinish -2 (a WebSocket WS_STATE_FAILED),
+    // from where it can be deleted. -1 when not running (also a second Stop).
     virtual int Stop(bool forceAsyn) = 0;
 
     // The operations below take a handle made by the handle's Create, a done
@@ -85,11 +95,17 @@ public:
     // delete still runs. Deletes from other threads are refused once the frame is
     // stopping; from the loop thread they still run.
 
-    // Starts the transfer of an armed handle. `done` 0: accepted (not finished).
+    // Starts the transfer of an armed handle. `done` 0: accepted (not finished;
+    // on a limited frame possibly waiting for a connection, see Init).
     virtual int AddHttpReq(std::shared_ptr<IHttpHandleInterface> handle, bool forceAsyn, HttpDoneFunc done,
                            void* userData) = 0;
     // Ends the transfer (no OnFinish after it) and returns the handle to idle;
     // `done` runs just before the teardown, while the response can still be read.
+    // A transfer still waiting for a connection leaves the line (`done` 0).
+    // Made inside libcurl (OnProgress, OnUploadRead, OnWsData) the delete is
+    // queued, and nothing more is told of the transfer: no OnFinish, no
+    // OnWsState, no further OnWsData. Queued from anywhere else (forceAsyn
+    // true), an end that comes before the record runs is told as usual.
     virtual int DelHttpReq(std::shared_ptr<IHttpHandleInterface> handle, bool forceAsyn, HttpDoneFunc done,
                            void* userData) = 0;
     // Arms the timer. A timer is added once.

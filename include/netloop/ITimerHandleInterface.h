@@ -50,7 +50,9 @@ public:
     // outcome later on the loop thread; OnTimer may still come until then.
     // Returns -1 without calling `done` when the timer's add has not run yet, and
     // -1 with the log line "Can not again timer req now" when the frame is not
-    // running. Succeeds and changes nothing on a closed timer.
+    // running, and -1 (logged) when the frame begins to stop while the request
+    // is on its way to the queue: nothing happens then and `done` is dropped.
+    // Succeeds and changes nothing on a closed timer.
     virtual int StopTimer(TimerDoneFunc done, void* userData) = 0;
 
     // Re-arms a repeating timer for `repeat` milliseconds from now, whether it was

@@ -57,7 +57,9 @@ public:
     // reference to `data` until the send has finished and never copies it: leave
     // the vector alone after the call. Any thread. Returns 0 when handed on (a
     // failure after that is only logged), -1 when the handle is not connected or
-    // `data` is empty, and -1 with a log line when the frame is not running.
+    // `data` is empty, and -1 with a log line when the frame is not running or
+    // begins to stop while the datagram is on its way to the queue: it is not
+    // sent then.
     virtual int SendUdpData(std::shared_ptr<std::vector<uint8_t>> data) = 0;
 
     // Makes an unconnected handle for the peer `host`:`port`. `host` (not null) is
