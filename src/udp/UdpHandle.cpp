@@ -380,8 +380,9 @@ void CUdpHandle::ReportError(void* selfRef) {
 }
 
 void CUdpHandle::OnUdpSendDone(uv_udp_send_t* req, int status) {
-    // A datagram lost on the way is not seen; one the system refused is.
-    if (status < 0) {
+    // A datagram lost on the way is not seen; one the system refused is. A
+    // send cancelled because the application closed the socket is no error.
+    if (status < 0 && status != UV_ECANCELED) {
         WriteNetLog(LOG_ERROR, "[NETLOOP]udp send Error: %s", uv_err_name(status));
         ReportError(req->handle->data);
     }
