@@ -1,6 +1,7 @@
 // The tool's promises about output and errors, run as a child process against
 // loopback servers: nothing lost or failed is reported as success.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -74,9 +75,7 @@ TEST(ToolOptions, WriteOutMatchesWhatTheServerLogged) {
     testsupport::TempDir out;
     const std::string ca = testsupport::TestCa().caFile;
     const std::string format = "%{http_version} %{http_code} %{size_download} %{url_effective}";
-    struct Case {
-        std::string url, version, logged;
-    } cases[] = {
+    struct Case { std::string url, version, logged; } cases[] = {
         {nginx.Url("/redirect"), "1.1", "HTTP/1.1 GET /status/200 200 11"},
         {nginx.TlsUrl("/redirect"), "2", "HTTP/2.0 GET /status/200 200 11"},
     };
@@ -84,8 +83,7 @@ TEST(ToolOptions, WriteOutMatchesWhatTheServerLogged) {
         ToolRun r = Tool({"get", "-s", "-L", "--cacert", ca, "-o", out.Path(), "-w", format, c.url});
         const std::string final = c.url.substr(0, c.url.rfind('/')) + "/status/200";
         EXPECT_EQ(r.out, c.version + " 200 11 " + final) << r.err;
-        // The last request without its connection number; nginx logs it once
-        // the response is out, so give it a moment.
+        // The last request without its connection number, logged once the response is out.
         auto last = [&] {
             auto log = nginx.AccessLog();
             return log.empty() ? std::string() : log.back().substr(log.back().find(' ') + 1);
@@ -114,11 +112,7 @@ TEST(ToolOptions, BodiesFromPipesArriveWhole) {
 
 TEST(ToolOptions, UdpPrintsEveryByteAndReportsSendErrors) {
     testsupport::UdpEcho v4, v6(Loopback::V6);
-    std::string dead;
-    {
-        testsupport::UdpEcho gone;
-        dead = std::to_string(gone.Port());
-    }
+    const std::string dead = std::to_string(testsupport::FreePort("127.0.0.1", SOCK_DGRAM));
     struct Case {
         std::string host, port, input;
         int code;
