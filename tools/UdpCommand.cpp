@@ -38,6 +38,7 @@ int SendLines(netloop::IUdpHandleInterface& handle) {
     ForEachStdinLine(
         [&](const std::string& line) {
             ++number;
+            if (line.empty()) return;  // the library sends no empty datagram
             if (line.size() > kMaxDatagram) {
                 std::fprintf(stderr, "netloop udp: line %d has %zu bytes, more than one datagram carries (%zu)\n",
                              number, line.size(), kMaxDatagram);
@@ -63,8 +64,9 @@ int RunUdp(int argc, char** argv) {
             std::printf("usage: netloop udp HOST PORT [--wait MS] [-v]\n"
                         "Each line of stdin is one datagram to HOST:PORT (HOST: a name, an IPv4 or an\n"
                         "IPv6 address, [::1] too); each reply is printed whole as \"from ADDRESS: BYTES\".\n"
-                        "At end of input waits MS (default 1000) for late replies. Exit status 1 when a\n"
-                        "datagram could not be sent or the peer refused it (nothing listening).\n");
+                        "Empty lines send nothing. At end of input waits MS (default 1000) for late\n"
+                        "replies. Exit status 1 when a datagram could not be sent or the peer refused it\n"
+                        "(nothing listening).\n");
             return 0;
         }
         if (args.Value("--wait", nullptr, value, error)) {
