@@ -1,31 +1,12 @@
-// The WebSocket receive path: arbitrary sequences of chunks, each with
-// arbitrary frame metadata (flags, bytes left of the frame, length), through
-// the handle's libcurl write callback. No crash, no read outside a chunk, and
-// the messages the notice hears are exactly those of a plain model of the
-// receive rules, byte for byte and in order:
-//   - a control frame (close, ping, pong) collects its chunks until no bytes
-//     are left of it and is delivered alone, as type 3 for a close and 0
-//     otherwise, also in the middle of a fragmented data message;
-//   - a data message collects the chunks of its frames until a chunk that
-//     ends a frame (no bytes left) without the continuation flag; it takes
-//     the type of that last frame, or of its first frame when the last one
-//     names none.
-//
-// libcurl hands the metadata of the chunk being written out through
-// curl_ws_meta. This program defines that function itself, so its definition
-// takes the place of libcurl's for the handle's code linked in here, and each
-// chunk carries the metadata the input chose.
-//
-// Input: records of
-//   byte 0      bits 0-6: CURLWS_* flags as they are; bit 7: bytes-left follows
-//   [2 bytes]   bytes left of the frame after this chunk, signed 16-bit little endian
-//   1 byte      chunk length (cut to what the input still has)
-//   ...         the chunk
-//
-// One handle serves the whole run. Before and after every input two empty
-// chunks that end a data message and a control frame bring the handle to its
-// rest state; what they deliver is compared too, so bytes of an unfinished
-// message at the end of an input must come out whole.
+// The WebSocket receive path: chunks with arbitrary frame metadata (flags,
+// bytes left of the frame, length) through the handle's libcurl write
+// callback. No crash, no read outside a chunk, and the notice hears exactly
+// the messages of the plain model below, byte for byte and in order. This
+// program defines curl_ws_meta itself, so each chunk carries the metadata the
+// input chose. Input records: byte 0 = CURLWS_* flags (bit 7: a signed 16-bit
+// little-endian bytes-left follows), then 1 byte of chunk length, the chunk.
+// Two empty chunks that end a data message and a control frame settle the
+// handle before and after every input; what they deliver is compared too.
 #include <curl/curl.h>
 
 #include <cstdint>
@@ -71,7 +52,10 @@ int DataType(int flags) {
     return WS_MSG_OTHER;
 }
 
-// The receive rules, written plainly.
+// The receive rules, written plainly: a control frame collects its chunks and
+// comes alone (close as 3, else 0), also inside a fragmented message; a data
+// message ends with a frame without CONT and no bytes left, and takes the type
+// of that frame, or of its first frame when the last names none.
 class Model {
 public:
     void Chunk(const std::string& bytes, int flags, curl_off_t bytesleft) {

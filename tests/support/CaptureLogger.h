@@ -1,9 +1,11 @@
-// A logger for tests: keeps every line with its level so tests can assert the
-// exact words the library writes.
+// A logger for tests: installed as the process's logger for its lifetime, it
+// keeps every line with its level so tests can assert the exact words the
+// library writes. NETLOOP_TEST_ECHO=1 also prints the lines.
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -13,48 +15,49 @@
 
 namespace testsupport {
 
-struct LogLine {
-    int level;
-    int tid;
-    std::string text;
-};
-
 class CaptureLogger : public sysutil::ISysutilLogInterface {
 public:
-    void WriteLog(int* level, int* tid, const char* format, ...) override;
-
-    std::vector<LogLine> Lines() const;
-    // Lines whose text equals `text` exactly (at `level`, or any level with -1).
-    size_t Count(const std::string& text, int level = -1) const;
-    // Lines whose text contains `part`.
-    size_t CountContaining(const std::string& part, int level = -1) const;
+    void WriteLog(int* level, int* tid, const char* format, ...) override {
+        char text[8192];
+        va_list args;
+        va_start(args, format);
+        std::vsnprintf(text, sizeof text, format, args);
+        va_end(args);
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        if (m_Echo) std::fprintf(stderr, "[log %d] %s\n", level ? *level : 0, text);
+        m_Lines.emplace_back(level ? *level : 0, text);
+    }
+    // Lines equal to `text` (or containing it, with `whole` false) at `level`
+    // (any level for -1).
+    size_t Count(const std::string& text, int level = -1, bool whole = true) const {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        size_t n = 0;
+        for (const auto& [l, t] : m_Lines)
+            n += (level < 0 || l == level) && (whole ? t == text : t.find(text) != std::string::npos);
+        return n;
+    }
+    size_t CountContaining(const std::string& part, int level = -1) const { return Count(part, level, false); }
     bool Has(const std::string& text, int level = -1) const { return Count(text, level) > 0; }
-    // Index of the first line equal to `text` at or after `from`; -1 when none.
-    int IndexOf(const std::string& text, size_t from = 0) const;
-    // Waits until a line equal to `text` has been written, at most `timeout`.
-    bool WaitFor(const std::string& text, std::chrono::milliseconds timeout) const;
-    void Clear();
+    void Clear() {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        m_Lines.clear();
+    }
 
 private:
     mutable std::mutex m_Mutex;
-    mutable std::condition_variable m_Cond;
-    std::vector<LogLine> m_Lines;
-    bool m_Echo = false;
-    friend class ScopedCaptureLogger;
+    std::vector<std::pair<int, std::string>> m_Lines;
+    const bool m_Echo = std::getenv("NETLOOP_TEST_ECHO") && *std::getenv("NETLOOP_TEST_ECHO") == '1';
 };
 
-// Installs a CaptureLogger as the process's logger for its lifetime and puts the
-// previous logger back afterwards. Set NETLOOP_TEST_ECHO=1 to also see the lines.
 class ScopedCaptureLogger {
 public:
-    ScopedCaptureLogger();
-    ~ScopedCaptureLogger();
-    CaptureLogger& operator*() const { return *m_Logger; }
+    ScopedCaptureLogger() { sysutil::ISysutilLogInterface::GetLogInstance(m_Logger); }
+    ~ScopedCaptureLogger() { sysutil::ISysutilLogInterface::GetLogInstance(m_Previous); }
     CaptureLogger* operator->() const { return m_Logger.get(); }
 
 private:
-    std::shared_ptr<CaptureLogger> m_Logger;
-    std::shared_ptr<sysutil::ISysutilLogInterface> m_Previous;
+    std::shared_ptr<sysutil::ISysutilLogInterface> m_Previous = sysutil::ISysutilLogInterface::GetLogInstance(nullptr);
+    std::shared_ptr<CaptureLogger> m_Logger = std::make_shared<CaptureLogger>();
 };
 
 }  // namespace testsupport

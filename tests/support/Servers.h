@@ -1,35 +1,33 @@
 // Real servers for tests, each a child process on loopback, on ports that were
-// free at start, stopped by PID when the object goes. A server that cannot
-// start throws std::runtime_error with its log.
+// free at start, stopped by PID when the object goes (SIGTERM to its process
+// group, SIGKILL after 5 s). A server that cannot start throws
+// std::runtime_error with its log. Each child also gets SIGKILL when the thread
+// that started it ends (PR_SET_PDEATHSIG): start servers from the test's own
+// thread, never from a short-lived helper thread.
 //
-//   Nginx     the system nginx from a generated configuration.
-//               Url(p)     http://<host>:<port>p      (HTTP/1.1)
-//               TlsUrl(p)  https://<host>:<port>p     (TLS 1.2/1.3, HTTP/2 by ALPN)
-//             Locations:
-//               /<name>          files the test wrote with WriteFile/CreateFile
-//               /status/<code>   `return <code> "status <code>\n"` for the codes
-//                                in Nginx::kStatusCodes
+//   Nginx     the system nginx from a generated configuration. Url(p) is
+//             http://host:port/p (HTTP/1.1), TlsUrl(p) https://... (TLS 1.2
+//             and 1.3, HTTP/2 by ALPN). Locations:
+//               /<name>          files written with WriteFile/CreateFile
+//               /status/<code>   `return <code> "status <code>\n"`, codes in kStatusCodes
 //               /redirect        302 to /status/200
-//               /dav/            PUT and DELETE (dav module), folders made as needed;
-//                                GET reads back what was put
-//               /slow/           files under <root>/slow sent at 2 KB/s (limit_rate)
+//               /dav/            PUT and DELETE (dav module), folders made as needed
+//               /slow/           files under <root>/slow at 2 KB/s (limit_rate)
 //               + NginxOptions::extraLocations, pasted into the server block
-//             Options pick 127.0.0.1 only (default), [::1] only, or both; Url
-//             and TlsUrl use the first of them.
+//             It listens on 127.0.0.1 (default), [::1] or both; the URLs use
+//             the first.
 //   WsServer  tests/support/ws_server.py (python3-websockets), ws and wss; the
-//             path picks the behaviour, see that script: /echo, /fragments,
-//             /ping, /close/<code>/<reason>, /drop, /refuse.
+//             path picks the behaviour: /echo, /fragments, /ping,
+//             /close/<code>/<reason>, /drop, /refuse (see the script).
 //   Faults    tests/support/faults.py (Python standard library): /reset,
 //             /silent, /echo (POST/PUT body back with X-Body-Sha256), /headers.
-//   UdpEcho   socat echoing each datagram back to its sender, 127.0.0.1 or ::1.
+//             New behaviours go there, one handler per path.
+//   UdpEcho   socat sending each datagram back to its sender, 127.0.0.1 or ::1.
 //
-// TLS: TestCa() makes, once per process and with the openssl command, a CA and
-// a server certificate for localhost, 127.0.0.1 and ::1 signed by it. Give
-// TestCa().caFile to SetCaPath.
-//
-// Every child gets SIGKILL when the thread that started it ends (prctl
-// PR_SET_PDEATHSIG), so start servers from the test's own thread, not from a
-// short-lived helper thread. Nothing outlives a crashed test process.
+// The python servers print "<scheme> <port>" once listening (port 0 binding),
+// so the port is theirs before anyone connects.
+// TLS: TestCa() makes, once per process with the openssl command, a CA and a
+// server certificate for localhost, 127.0.0.1 and ::1; give caFile to SetCaPath.
 #pragma once
 
 #include <sys/types.h>
@@ -42,75 +40,64 @@
 namespace testsupport {
 
 struct TestCaFiles {
-    std::string caFile;    // PEM, the CA that signed certFile
-    std::string certFile;  // PEM, CN localhost, SAN localhost 127.0.0.1 ::1
-    std::string keyFile;
+    std::string caFile, certFile, keyFile;  // PEM
 };
 const TestCaFiles& TestCa();
 
-// One child process in its own process group; stdin comes from `stdinFile`,
-// stdout and stderr go to a log file. The destructor sends SIGTERM to the
-// group, SIGKILL after 5 s.
-class ChildProcess {
-public:
-    ChildProcess(const std::vector<std::string>& argv, const std::string& logFile,
-                 const std::string& stdinFile = "/dev/null");
-    ~ChildProcess();
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
+// A TCP (or, with type 2 = SOCK_DGRAM, UDP) port that was free a moment ago:
+// also a port nobody listens on, for refused connections.
+uint16_t FreePort(const std::string& host = "127.0.0.1", int type = 1 /* SOCK_STREAM */);
 
-    pid_t Pid() const { return m_Pid; }
-    bool Exited();  // reaps it when it has
-    void Stop();
-    // Waits for the exit, at most `seconds`; the exit status, or -1 when it had
-    // to be killed or ended by a signal.
-    int Wait(int seconds);
-    std::string Log() const;
-    // The number after "<key> " on a line of the log, waited for (30 s at
-    // most); throws when it does not come or the child ends first.
-    uint16_t WaitForPort(const std::string& key);
-
-private:
-    pid_t m_Pid = -1;
-    std::string m_LogFile;
-};
+// `size` bytes of a fixed pattern that no shift or cut maps onto itself.
+std::string Pattern(size_t size);
 
 // A private temporary folder, removed with everything in it.
 class TempDir {
 public:
     TempDir();
     ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
     const std::string& Path() const { return m_Path; }
 
 private:
     std::string m_Path;
 };
 
+// A child process in its own process group; stdin from `stdinFile`, stdout
+// and stderr into `logFile`. The destructor stops it.
+class ChildProcess {
+public:
+    ChildProcess(const std::vector<std::string>& argv, const std::string& logFile,
+                 const std::string& stdinFile = "/dev/null");
+    ~ChildProcess();
+    bool Exited(int* status = nullptr);  // reaps it when it has
+    void Stop();
+    int Wait(int seconds);  // exit status; -1 when killed at the limit or by a signal
+    std::string Log() const;
+    uint16_t WaitForPort(const std::string& key);  // "<key> <port>" in the log, 30 s at most
+
+private:
+    pid_t m_Pid = -1;
+    std::string m_LogFile;
+};
+
 enum class Loopback { V4, V6, Both };
 
 struct NginxOptions {
     Loopback listen = Loopback::V4;
-    std::string extraLocations;  // nginx text, e.g. "location /x { return 200; }"
+    std::string extraLocations;  // e.g. "location /x { return 200; }"
 };
 
 class Nginx {
 public:
     static const std::vector<int> kStatusCodes;
-
     explicit Nginx(NginxOptions options = {});
-    ~Nginx();
-
     uint16_t HttpPort() const { return m_HttpPort; }
     uint16_t TlsPort() const { return m_TlsPort; }
     std::string Url(const std::string& path = "/") const;
     std::string TlsUrl(const std::string& path = "/") const;
-    std::string Root() const;  // document root
-    // Writes <root>/<name> (folders made as needed); returns its path.
-    std::string WriteFile(const std::string& name, const std::string& content);
-    // <root>/<name> with `size` bytes of Pattern(size).
-    std::string CreateFile(const std::string& name, size_t size);
+    std::string Root() const;
+    std::string WriteFile(const std::string& name, const std::string& content);  // returns its path
+    std::string CreateFile(const std::string& name, size_t size);              // Pattern(size)
     std::string ErrorLog() const;
     // One line per finished request: "<connection> <protocol> <method> <uri> <status> <body bytes>".
     std::vector<std::string> AccessLog() const;
@@ -128,7 +115,6 @@ public:
     explicit WsServer(Loopback host = Loopback::V4);
     std::string Url(const std::string& path = "/echo") const;     // ws://
     std::string TlsUrl(const std::string& path = "/echo") const;  // wss://
-    uint16_t Port() const { return m_Port; }
 
 private:
     std::string m_Host;
@@ -162,12 +148,5 @@ private:
     std::unique_ptr<ChildProcess> m_Process;
     uint16_t m_Port = 0;
 };
-
-// A TCP (or, with SOCK_DGRAM, UDP) port on `host` that was free a moment ago:
-// a port nobody listens on, for refused connections.
-uint16_t FreePort(const std::string& host = "127.0.0.1", int type = 1 /* SOCK_STREAM */);
-
-// `size` bytes of a fixed pattern that no shift or truncation maps onto itself.
-std::string Pattern(size_t size);
 
 }  // namespace testsupport
