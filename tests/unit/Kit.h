@@ -1,18 +1,15 @@
-// What the area tests share: a frame that always stops, a notice that records
-// every call, done functions that keep their result, and one-call transfers.
+// What the area tests share: a frame that always stops, done functions and a
+// notice that record every call, one-call transfers and a scripted resolver.
 #pragma once
 
 #include <gtest/gtest.h>
+#include <netdb.h>
 
+#include <algorithm>
 #include <climits>
 #include <future>
-#include <memory>
 #include <mutex>
-#include <string>
 #include <thread>
-#include <vector>
-
-#include <netdb.h>
 
 #include "hostseek/IHostseekInterface.h"
 #include "netloop/IHttpHandleInterface.h"
@@ -30,8 +27,7 @@ using namespace testsupport;
 using hostseek_interface::IHostseekInterface;
 using hostseek_interface::IHostseekResultNotic;
 
-// A running frame; the destructor stops it, and a stop that never returns
-// aborts the run instead of hanging it.
+// A running frame; a stop that never returns aborts the run instead of hanging it.
 struct Frame {
     std::shared_ptr<IHttpInterface> f = IHttpInterface::Create();
     explicit Frame(bool share = false, bool pipelining = false) {
@@ -42,18 +38,25 @@ struct Frame {
     IHttpInterface* operator->() const { return f.get(); }
     int Stop() {
         auto stopped = std::async(std::launch::async, [f = f] { return f->Stop(false); });
-        if (stopped.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
-            ADD_FAILURE() << "the frame did not stop within 60 s";
-            std::abort();
-        }
-        return stopped.get();
+        if (stopped.wait_for(std::chrono::seconds(60)) == std::future_status::ready) return stopped.get();
+        ADD_FAILURE() << "the frame did not stop within 60 s";
+        std::abort();
     }
 };
 
-// Keeps the results of a done function; Fn() fits every handle kind.
+// Guards the members of a recorder that the loop thread writes.
+struct Locked {
+    mutable std::mutex m;
+    template <typename T, typename C>
+    T Get(T C::*field) const {
+        std::lock_guard<std::mutex> lock(m);
+        return static_cast<const C*>(this)->*field;
+    }
+};
+
+// The results of a done function; Fn() fits every handle kind.
 struct Done {
-    struct State {
-        std::mutex m;
+    struct State : Locked {
         std::vector<int> results;
     };
     std::shared_ptr<State> s = std::make_shared<State>();
@@ -63,72 +66,47 @@ struct Done {
             s->results.push_back(rc);
         };
     }
-    std::vector<int> Results() const {
-        std::lock_guard<std::mutex> lock(s->m);
-        return s->results;
-    }
+    std::vector<int> Results() const { return s->Get(&State::results); }
     // The first result, waited for; INT_MIN (and a failure) when none came.
     int Result(const std::string& what = "the done function") const {
         EXPECT_TRUE(Await([&] { return !Results().empty(); }, what));
-        auto r = Results();
-        return r.empty() ? INT_MIN : r[0];
+        return Results().empty() ? INT_MIN : Results()[0];
     }
 };
 
-// Records what an HTTP or WebSocket transfer tells its notice.
-struct Recorder : IHttpHandleNotic {
-    struct Message {
-        int type;
-        std::string data;
-    };
-    std::mutex m;
+struct Recorder : IHttpHandleNotic, Locked {
     std::vector<int> finishes, states;
-    std::vector<Message> messages;
+    std::vector<std::pair<int, std::string>> messages;  // type, bytes
     int progress = 0;
     curl_off_t lastDlNow = 0;
     std::function<size_t(char*, size_t)> upload;
-    std::function<void(std::shared_ptr<IHttpHandleInterface>, int)> onState;
 
     void OnWsData(const char* data, size_t length, int type, void*) override {
         std::lock_guard<std::mutex> lock(m);
-        messages.push_back({type, std::string(data, length)});
+        messages.emplace_back(type, std::string(data, length));
     }
     void OnProgress(const char*, const char*, curl_off_t, curl_off_t dlnow, curl_off_t, curl_off_t, void*) override {
         std::lock_guard<std::mutex> lock(m);
         ++progress;
         lastDlNow = dlnow;
     }
-    size_t OnUploadRead(std::shared_ptr<IHttpHandleInterface>, char* buffer, size_t size, size_t nitems,
-                        void*) override {
-        return upload ? upload(buffer, size * nitems) : 0;
+    size_t OnUploadRead(std::shared_ptr<IHttpHandleInterface>, char* buf, size_t size, size_t n, void*) override {
+        return upload ? upload(buf, size * n) : 0;
     }
     void OnFinish(std::shared_ptr<IHttpHandleInterface>, int result, void*) override {
         std::lock_guard<std::mutex> lock(m);
         finishes.push_back(result);
     }
-    void OnWsState(std::shared_ptr<IHttpHandleInterface> handle, int state, void*) override {
-        if (onState) onState(handle, state);
+    void OnWsState(std::shared_ptr<IHttpHandleInterface>, int state, void*) override {
         std::lock_guard<std::mutex> lock(m);
         states.push_back(state);
     }
-    template <typename T>
-    T Get(T Recorder::*field) {
-        std::lock_guard<std::mutex> lock(m);
-        return this->*field;
-    }
-    ::testing::AssertionResult AwaitFinish() {
-        return Await([&] { return !Get(&Recorder::finishes).empty(); }, "OnFinish");
-    }
     ::testing::AssertionResult AwaitMessages(size_t n) {
-        return Await([&] { return Get(&Recorder::messages).size() >= n; }, std::to_string(n) + " WebSocket message(s)");
+        return Await([&] { return Get(&Recorder::messages).size() >= n; }, std::to_string(n) + " message(s)");
     }
     ::testing::AssertionResult AwaitState(int state) {
-        return Await(
-            [&] {
-                auto s = Get(&Recorder::states);
-                return std::find(s.begin(), s.end(), state) != s.end();
-            },
-            "OnWsState(" + std::to_string(state) + ")");
+        return Await([&] { auto s = Get(&Recorder::states); return std::count(s.begin(), s.end(), state) > 0; },
+                     "OnWsState(" + std::to_string(state) + ")");
     }
 };
 
@@ -140,19 +118,21 @@ struct Transfer {
         EXPECT_EQ(h->InitHttpReq(url.c_str(), "tag", type, rec, 0, timeoutMs, nullptr), 0) << url;
     }
     IHttpHandleInterface* operator->() const { return h.get(); }
-    // Adds, waits for OnFinish and returns its result; the handle stays armed.
+    // Adds and returns what OnFinish said; the handle stays armed.
     int Run(Frame& frame) {
         EXPECT_EQ(frame->AddHttpReq(h, true, nullptr, nullptr), 0);
-        if (!rec->AwaitFinish()) return INT_MIN;
+        if (!Await([&] { return !rec->Get(&Recorder::finishes).empty(); }, "OnFinish")) return INT_MIN;
         return rec->Get(&Recorder::finishes)[0];
     }
-    // Deletes through the frame and waits for the done function.
     int Del(Frame& frame) {
         Done done;
-        if (frame->DelHttpReq(h, true, done.Fn(), nullptr) != 0) return -1;
-        return done.Result("the done function of DelHttpReq");
+        return frame->DelHttpReq(h, true, done.Fn(), nullptr) != 0 ? -1 : done.Result("DelHttpReq's done");
     }
 };
+
+inline std::shared_ptr<std::vector<uint8_t>> Bytes(const std::string& s) {
+    return std::make_shared<std::vector<uint8_t>>(s.begin(), s.end());
+}
 
 // Answers every name with `status` and, on success, the numeric `address`: at
 // once, or late from a thread of its own. Install it with
@@ -167,15 +147,10 @@ struct ScriptedResolver : IHostseekInterface {
         hints.ai_flags = AI_NUMERICHOST;
         if (status == 0) getaddrinfo(address.c_str(), nullptr, &hints, &answer);
     }
-    int ResolveHost(const char*, const struct addrinfo*, std::shared_ptr<IHostseekResultNotic> notic,
-                    void* userData, struct addrinfo** result) override {
-        if (atOnce && status == 0) {
-            *result = answer;
-            return 0;
-        }
-        threads.emplace_back([this, notic, userData] {
-            if (notic) notic->OnHostseekResult(status, status == 0 ? answer : nullptr, userData);
-        });
+    int ResolveHost(const char*, const addrinfo*, std::shared_ptr<IHostseekResultNotic> notic, void* user,
+                    addrinfo** result) override {
+        if (atOnce && status == 0) return *result = answer, 0;
+        threads.emplace_back([=] { notic->OnHostseekResult(status, status == 0 ? answer : nullptr, user); });
         return EAI_AGAIN;
     }
     ~ScriptedResolver() override {

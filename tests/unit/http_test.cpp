@@ -207,7 +207,7 @@ TEST(Http, ConcurrentTransfersOverTls) {
                 ASSERT_EQ(frame->AddHttpReq(ts.back()->h, true, nullptr, nullptr), 0);
             }
             for (int i = 0; i < 24; ++i) {
-                ASSERT_TRUE(ts[i]->rec->AwaitFinish()) << "transfer " << i;
+                ASSERT_TRUE(Await([&] { return !ts[i]->rec->Get(&Recorder::finishes).empty(); }, "OnFinish " + std::to_string(i)));
                 EXPECT_EQ(ts[i]->rec->Get(&Recorder::finishes), std::vector<int>{0});
                 EXPECT_TRUE((*ts[i])->GetResponse() == Pattern(1000 + (i % 8) * 5000)) << "transfer " << i;
                 ts[i]->Del(frame);

@@ -1,43 +1,23 @@
-// Connected UDP sockets against socat, names through hostseek, and the small
-// platform layer (logger, thread ids, file opening) the library stands on.
-#include <sys/syscall.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <thread>
-
+// Connected UDP sockets against socat, and names through hostseek.
 #include "Kit.h"
-#include "sysutil/sysutil.h"
 
 namespace {
 
 using namespace kit;
 
-struct UdpRecorder : IUdpHandleNotic {
-    std::mutex m;
+struct UdpRecorder : IUdpHandleNotic, Locked {
     std::vector<int> states;
-    std::vector<int> stateTids;
     std::vector<std::string> data, peers;
     void OnUdpState(std::shared_ptr<IUdpHandleInterface>, int status, void*) override {
         std::lock_guard<std::mutex> lock(m);
         states.push_back(status);
-        stateTids.push_back(sysutil::GetTid());
     }
     void OnUdpData(const char* d, int64_t size, const char* peerIp, void*) override {
         std::lock_guard<std::mutex> lock(m);
         data.emplace_back(d, size);
         peers.emplace_back(peerIp);
     }
-    template <typename T>
-    T Get(T UdpRecorder::*field) {
-        std::lock_guard<std::mutex> lock(m);
-        return this->*field;
-    }
 };
-
-std::shared_ptr<std::vector<uint8_t>> Bytes(const std::string& s) {
-    return std::make_shared<std::vector<uint8_t>>(s.begin(), s.end());
-}
 
 TEST(Udp, EchoOverBothFamiliesAndNames) {
     ScopedCaptureLogger log;
@@ -76,9 +56,13 @@ TEST(Udp, EchoOverBothFamiliesAndNames) {
             IHostseekInterface::GetHostseekInstance(3, previous);
         }
         EXPECT_EQ(u->SendUdpData(std::make_shared<std::vector<uint8_t>>()), -1) << "empty datagram";
-        std::vector<std::string> sent;
+        // socat gives a new peer its own child only once the first datagram
+        // is in; one echo first keeps the burst from splitting between two.
+        std::vector<std::string> sent{"first"};
+        ASSERT_EQ(u->SendUdpData(Bytes("first")), 0);
+        ASSERT_TRUE(Await([&] { return rec->Get(&UdpRecorder::data).size() == 1; }, "the first echo"));
         for (size_t size : {1, 100, 1400, 9000, 65000}) sent.push_back(Pattern(size));
-        for (const std::string& s : sent) ASSERT_EQ(u->SendUdpData(Bytes(s)), 0);
+        for (size_t i = 1; i < sent.size(); ++i) ASSERT_EQ(u->SendUdpData(Bytes(sent[i])), 0);
         ASSERT_TRUE(Await([&] { return rec->Get(&UdpRecorder::data).size() == sent.size(); }, "the echoes"));
         EXPECT_TRUE(rec->Get(&UdpRecorder::data) == sent);
         EXPECT_EQ(rec->Get(&UdpRecorder::peers), std::vector<std::string>(sent.size(), c.peer));
@@ -133,13 +117,13 @@ TEST(Udp, FailedNameAndStoppedFrame) {
     EXPECT_EQ(u->SendUdpData(Bytes("x")), -1);
 }
 
-// The resolver and the platform layer the library relies on.
-TEST(Platform, ResolverLiteralsLoggerAndFiles) {
+// What the library relies on of the resolver.
+TEST(Platform, ResolverLiterals) {
     struct Literal {
         const char* text;
         bool v4, v6;
     };
-    for (Literal l : {Literal{"127.0.0.1", true, false}, Literal{"::1", false, true}, 
+    for (Literal l : {Literal{"127.0.0.1", true, false}, Literal{"::1", false, true},
                       Literal{"256.0.0.1", false, false}, Literal{"localhost", false, false}, Literal{"[::1]", false, false},
                       Literal{"", false, false}}) {
         EXPECT_EQ(IHostseekInterface::IsIpv4Literal(l.text), l.v4) << l.text;
@@ -168,17 +152,6 @@ TEST(Platform, ResolverLiteralsLoggerAndFiles) {
     IHostseekInterface::Parse(result, v4, v6);
     EXPECT_EQ(v4, "127.0.0.1");
     EXPECT_EQ(v6, "kept");
-
-    ScopedCaptureLogger log;
-    int level = 40, tid = sysutil::GetTid();
-    sysutil::ISysutilLogInterface::GetLogInstance(nullptr)->WriteLog(&level, &tid, "[X]%d-%s", 7, "y");
-    EXPECT_TRUE(log->Has("[X]7-y", 40));
-    EXPECT_EQ(tid, static_cast<int>(syscall(SYS_gettid)));
-    TempDir dir;
-    FILE* f = sysutil::CPathUtil::OpenFile((dir.Path() + "/a/b/c.txt").c_str(), "wb", -1);
-    ASSERT_NE(f, nullptr);
-    std::fclose(f);
-    EXPECT_EQ(sysutil::CPathUtil::OpenFile((dir.Path() + "/x/y.txt").c_str(), "wb", 0), nullptr);
 }
 
 }  // namespace

@@ -11,10 +11,6 @@ WsServer& Ws() {
     return server;
 }
 
-std::shared_ptr<std::vector<uint8_t>> Bytes(const std::string& s) {
-    return std::make_shared<std::vector<uint8_t>>(s.begin(), s.end());
-}
-
 int Send(Transfer& t, const std::string& data, int type) {
     size_t sent = 0;
     return t->SendWsData(Bytes(data), type, &sent);
@@ -63,8 +59,8 @@ TEST(WebSocket, ServerBehaviours) {
         auto got = t.rec->Get(&Recorder::messages);
         ASSERT_EQ(got.size(), c.want.size() + (c.endState == 1));
         for (size_t i = 0; i < c.want.size(); ++i) {
-            EXPECT_EQ(got[i].type, c.want[i].first) << "message " << i;
-            EXPECT_TRUE(got[i].data == c.want[i].second) << "message " << i << " has " << got[i].data.size() << " bytes";
+            EXPECT_EQ(got[i].first, c.want[i].first) << "message " << i;
+            EXPECT_TRUE(got[i].second == c.want[i].second) << "message " << i << " has " << got[i].second.size() << " bytes";
         }
         auto states = t.rec->Get(&Recorder::states);
         EXPECT_EQ(states.size(), c.endState == 1 ? 1u : c.endState == WS_STATE_FAILED ? 1u : 2u);
@@ -91,7 +87,7 @@ TEST(WebSocket, ClientCloseDisconnectAndRefusals) {
     for (int i = 0; i < 100; ++i) ASSERT_EQ(Send(t, "m" + std::to_string(i), 1), 0);
     ASSERT_TRUE(t.rec->AwaitMessages(100));
     auto got = t.rec->Get(&Recorder::messages);
-    for (int i = 0; i < 100; ++i) EXPECT_EQ(got[i].data, "m" + std::to_string(i));
+    for (int i = 0; i < 100; ++i) EXPECT_EQ(got[i].second, "m" + std::to_string(i));
     EXPECT_EQ(t->SendWsData(nullptr, 2, &sent), 0) << "an empty message";
 
     EXPECT_EQ(t->Disconnect(), 0);
