@@ -103,8 +103,8 @@ std::shared_ptr<ToolLogger> ToolLogger::Install(bool verbose) {
 
 // ---------------------------------------------------------------------------
 
-RunningFrame::RunningFrame() : m_Frame(netloop::IHttpInterface::Create()) {
-    m_Ok = m_Frame->Init(nullptr, false, true, nullptr) == 0 && m_Frame->Start(true) == 0;
+RunningFrame::RunningFrame(bool multiplex) : m_Frame(netloop::IHttpInterface::Create()) {
+    m_Ok = m_Frame->Init(nullptr, multiplex, true, nullptr) == 0 && m_Frame->Start(true) == 0;
 }
 
 RunningFrame::~RunningFrame() {
@@ -146,6 +146,18 @@ void ReadOneUrl(ArgReader& args, std::string& url, std::string& error) {
     }
 }
 
+const char kHttpOptionsHelp[] =
+    "  -H, --header \"Name: value\"  add a request header (repeatable)\n"
+    "  --cacert FILE             verify the server against this CA file or folder\n"
+    "  -k, --insecure            do not verify the server\n"
+    "  --timeout MS              limit on the whole transfer; 0 (default): none\n"
+    "  --connect-timeout MS      limit on connection set-up (default 10000)\n"
+    "  -v, --verbose             print the library's log\n";
+
+namespace {
+const long kMaxTimeoutMs = 24L * 3600 * 1000;
+}  // namespace
+
 bool ReadHttpOption(ArgReader& args, HttpOptions& options, std::string& error) {
     std::string value;
     if (args.Value("--header", "-H", value, error)) {
@@ -158,9 +170,13 @@ bool ReadHttpOption(ArgReader& args, HttpOptions& options, std::string& error) {
         return true;
     }
     if (args.Value("--timeout", nullptr, value, error)) {
-        if (error.empty() && !ParseInt(value, 1, 24L * 3600 * 1000, options.timeoutMs))
-            error = "--timeout wants milliseconds, got '" + value + "'";
-        options.connectTimeoutMs = std::min(options.connectTimeoutMs, options.timeoutMs);
+        if (error.empty() && !ParseInt(value, 0, kMaxTimeoutMs, options.timeoutMs))
+            error = "--timeout wants milliseconds (0: no limit), got '" + value + "'";
+        return true;
+    }
+    if (args.Value("--connect-timeout", nullptr, value, error)) {
+        if (error.empty() && !ParseInt(value, 1, kMaxTimeoutMs, options.connectTimeoutMs))
+            error = "--connect-timeout wants milliseconds, got '" + value + "'";
         return true;
     }
     if (args.Flag("--insecure", "-k")) {

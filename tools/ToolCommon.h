@@ -59,10 +59,11 @@ private:
     std::map<std::string, std::string> m_Failures;
 };
 
-// A frame running for the life of the object.
+// A frame running for the life of the object. `multiplex`: HTTP/2 streams of
+// one host share a connection (a frame with tight connection limits).
 class RunningFrame {
 public:
-    RunningFrame();
+    explicit RunningFrame(bool multiplex = false);
     ~RunningFrame();
     bool Ok() const { return m_Ok; }
     const std::shared_ptr<netloop::IHttpInterface>& operator->() const { return m_Frame; }
@@ -93,8 +94,8 @@ struct HttpOptions {
     std::list<std::string> headers;
     std::string caFile;
     bool insecure = false;
-    long timeoutMs = 60000;
-    long connectTimeoutMs = 10000;
+    long timeoutMs = 0;             // the whole transfer; 0: no limit
+    long connectTimeoutMs = 10000;  // connection set-up only
     bool verbose = false;
 };
 
@@ -109,5 +110,8 @@ void ReadOneUrl(ArgReader& args, std::string& url, std::string& error);
 bool ApplyHttpOptions(netloop::IHttpHandleInterface& handle, const HttpOptions& options);
 
 bool IsTerminal(FILE* stream);
+
+// The help text of the options ReadHttpOption reads.
+extern const char kHttpOptionsHelp[];
 
 }  // namespace tool

@@ -30,6 +30,8 @@ enum UdpStatus {
     UDP_STATUS_OK = 0,       // connected
     UDP_STATUS_FAILED = -1,  // the connect failed or the name could not be resolved
     UDP_STATUS_CLOSED = -2,  // the socket is closed
+    UDP_STATUS_ERROR = -3,   // a datagram could not be sent, or the socket reported an error (a peer
+                             // where nothing listens shows as a refused connection); the socket stays open
 };
 
 // Implemented by the application. Calls run on the loop thread, except a
@@ -54,10 +56,11 @@ public:
     // Sends the whole vector as one datagram to the peer. The handle keeps a
     // reference to `data` until the send has finished and never copies it: leave
     // the vector alone after the call. Any thread. Returns 0 when handed on (a
-    // failure after that is only logged), -1 when the handle is not connected or
-    // `data` is empty, and -1 with a log line when the frame is not running or
-    // begins to stop while the datagram is on its way to the queue: it is not
-    // sent then.
+    // failure after that is logged and told as OnUdpState(UDP_STATUS_ERROR); a
+    // send that the application's own close cancels is not), -1 when the handle
+    // is not connected or `data` is empty, and -1 with a log line when the frame
+    // is not running or begins to stop while the datagram is on its way to the
+    // queue: it is not sent then.
     virtual int SendUdpData(std::shared_ptr<std::vector<uint8_t>> data) = 0;
 
     // Makes an unconnected handle for the peer `host`:`port`. `host` (not null) is

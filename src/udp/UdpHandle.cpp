@@ -364,13 +364,28 @@ int CUdpHandle::SendUdpOnLoop(std::shared_ptr<std::vector<uint8_t>> data) {
     if (rc != 0) {
         WriteNetLog(LOG_ERROR, "[NETLOOP]uv_udp_send failed[%d]", rc);
         delete send;
+        // The caller may have had 0 already, when the send was queued.
+        ReportError(m_Udp.data);
         return -1;
     }
     return 0;
 }
 
-void CUdpHandle::OnUdpSendDone(uv_udp_send_t* req, int) {
-    // A datagram lost after libuv took it is not reported: UDP promises nothing.
+void CUdpHandle::ReportError(void* selfRef) {
+    auto* ref = static_cast<SelfRef*>(selfRef);
+    if (ref == nullptr) return;
+    SelfRef self = *ref;
+    std::shared_ptr<IUdpHandleNotic> notic = self->m_Notic;
+    if (notic) notic->OnUdpState(self, UDP_STATUS_ERROR, self->m_UserData);
+}
+
+void CUdpHandle::OnUdpSendDone(uv_udp_send_t* req, int status) {
+    // A datagram lost on the way is not seen; one the system refused is. A
+    // send cancelled because the application closed the socket is no error.
+    if (status < 0 && status != UV_ECANCELED) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]udp send Error: %s", uv_err_name(status));
+        ReportError(req->handle->data);
+    }
     delete static_cast<UdpSendBuf*>(req->data);
 }
 
@@ -387,6 +402,7 @@ void CUdpHandle::OnUdpRecv(uv_udp_t* udp, ssize_t nread, const uv_buf_t* buf, co
         SelfRef self = *ref;
         if (nread < 0) {
             WriteNetLog(LOG_ERROR, "[NETLOOP]udp recv Error: %s", uv_err_name(static_cast<int>(nread)));
+            ReportError(ref);
         } else if (nread == 0 || addr == nullptr) {
             // Nothing to read, or an empty datagram: neither is delivered.
         } else if ((flags & UV_UDP_PARTIAL) != 0) {

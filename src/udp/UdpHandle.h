@@ -59,6 +59,8 @@ public:
     static void OnUdpAlloc(uv_handle_t* handle, size_t suggestedSize, uv_buf_t* buf);
     static void OnUdpRecv(uv_udp_t* handle, ssize_t nread, const uv_buf_t* buf, const struct sockaddr* addr,
                           unsigned flags);
+    // OnUdpState(UDP_STATUS_ERROR) for the handle whose self reference is `selfRef` (may be null).
+    static void ReportError(void* selfRef);
     static void OnUdpSendDone(uv_udp_send_t* req, int status);
     static void OnUdpClose(uv_handle_t* handle);
     static void OnUdpAbortClose(uv_handle_t* handle);
