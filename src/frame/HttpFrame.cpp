@@ -383,14 +383,22 @@ void CHttpFrame::RunAsynOperReqs() {
     if (m_AsynOperReqList.empty()) m_AsynOperReqList.swap(batch);
 }
 
+// Called with m_Mutex held. The loop takes the whole list in one go, so only
+// the record that finds it empty needs to wake the loop: any later one rides
+// on that wake-up.
+void CHttpFrame::WakeForRecord(std::shared_ptr<AsynOperReq> oper) {
+    const bool wake = m_AsynOperReqList.empty();
+    m_AsynOperReqList.push_back(std::move(oper));
+    if (wake) uv_async_send(&m_ReqAsync);
+}
+
 bool CHttpFrame::PostAsynOper(std::shared_ptr<AsynOperReq> oper) {
     std::lock_guard<std::mutex> lock(m_Mutex);
     if (!m_Running.load()) {
         WriteNetLog(LOG_ERROR, "[NETLOOP]Can not add timer req now");
         return false;
     }
-    m_AsynOperReqList.push_back(std::move(oper));
-    uv_async_send(&m_ReqAsync);
+    WakeForRecord(std::move(oper));
     return true;
 }
 
@@ -404,8 +412,7 @@ int CHttpFrame::SubmitOper(std::shared_ptr<AsynOperReq> oper, bool forceAsyn) {
     }
     std::lock_guard<std::mutex> lock(m_Mutex);
     if (!m_Running.load()) return -1;
-    m_AsynOperReqList.push_back(std::move(oper));
-    uv_async_send(&m_ReqAsync);
+    WakeForRecord(std::move(oper));
     return 0;
 }
 

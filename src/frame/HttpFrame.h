@@ -173,6 +173,7 @@ private:
     bool AcceptsAdd(const char* kind) const;
     CURLMcode SocketAction(curl_socket_t socket, int mask);
     // Kept records (CurlBridge.cpp); loop thread, or the release of the loop.
+    void WakeForRecord(std::shared_ptr<AsynOperReq> oper);
     bool KeepSocketRec(CurlSocketRec* rec);
     CurlSocketRec* TakeSocketRec(curl_socket_t socket);
     void ForgetCurlSocket(curl_socket_t socket);
