@@ -53,9 +53,12 @@ public:
 
     // Sends the whole vector as one datagram to the peer. The handle keeps a
     // reference to `data` until the send has finished and never copies it: leave
-    // the vector alone after the call. Any thread. Returns 0 when handed on (a
-    // failure after that is only logged), -1 when the handle is not connected or
-    // `data` is empty, and -1 with a log line when the frame is not running.
+    // the vector alone after the call. An empty vector is sent as a zero-length
+    // datagram, which UDP allows (some peers use them as keep-alives); note that
+    // OnUdpData does not report such datagrams on the receiving side. Any
+    // thread. Returns 0 when handed on (a failure after that is only logged),
+    // -1 when `data` is null or the handle is not connected, and -1 with a log
+    // line when the frame is not running.
     virtual int SendUdpData(std::shared_ptr<std::vector<uint8_t>> data) = 0;
 
     // Makes an unconnected handle for the peer `host`:`port`. `host` (not null) is
