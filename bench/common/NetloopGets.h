@@ -86,6 +86,8 @@ template <typename Runner>
 int MeasureGets(Result& res, Runner& runner, uint64_t warmup, uint64_t n, int concurrency, double limit,
                 double minSeconds, const std::function<void()>& describe = nullptr) {
     if (warmup > 0 && !runner.Run(warmup, concurrency, limit)) return res.Fail("warm-up did not finish");
+    CostMeter cost;
+    cost.Start();
     const double t0 = Now();
     uint64_t done = 0;
     do {
@@ -96,6 +98,7 @@ int MeasureGets(Result& res, Runner& runner, uint64_t warmup, uint64_t n, int co
     auto counts = runner.Counts();
     if (counts.bad != 0) return res.Fail(std::to_string(counts.bad) + " transfers failed");
     res.Extra("transfers", static_cast<double>(done)).Extra("seconds", elapsed);
+    cost.Report(res, static_cast<double>(done), "request");
     if (describe) describe();
     return res.Print(static_cast<double>(done) / elapsed, "req/s");
 }
