@@ -24,6 +24,10 @@ struct GetOptions {
     size_t bodySize = 100;              // expected response body size
     std::string caPath;                 // SetCaPath when not empty
     std::list<std::string> headers;     // SetHeaders when not empty
+    // Add the finished handle again, with its easy handle and options, instead
+    // of deleting it and making a new one. Its body text keeps growing (the
+    // handle appends each body to the last), so only its length is checked.
+    bool reuseHandles = false;
 };
 
 class NetloopGets : public netloop::IHttpHandleNotic, public std::enable_shared_from_this<NetloopGets> {
@@ -43,11 +47,18 @@ public:
     GetTally Counts() const { return GetTally{m_Ok.load(), m_Bad.load()}; }
 
     void OnFinish(std::shared_ptr<netloop::IHttpHandleInterface> handle, int result, void*) override {
-        const bool good =
-            result == 0 && handle->GetResponseCode() == 200 && handle->GetResponse().size() == m_Options.bodySize;
+        const size_t size = handle->GetResponse().size();
+        const bool sized = m_Options.reuseHandles ? size != 0 && size % m_Options.bodySize == 0
+                                                  : size == m_Options.bodySize;
+        const bool good = result == 0 && handle->GetResponseCode() == 200 && sized;
         (good ? m_Ok : m_Bad).fetch_add(1);
-        m_Frame->DelHttpReq(handle, false, nullptr, nullptr);
-        if (m_Claimed.fetch_add(1) < m_Total) Launch(false);
+        const bool more = m_Claimed.fetch_add(1) < m_Total;
+        if (more && m_Options.reuseHandles) {
+            if (m_Frame->AddHttpReq(handle, false, nullptr, nullptr) != 0) m_Bad.fetch_add(1);
+        } else {
+            m_Frame->DelHttpReq(handle, false, nullptr, nullptr);
+            if (more) Launch(false);
+        }
         m_Done.Add(1);
     }
     void OnWsData(const char*, size_t, int, void*) override {}
