@@ -10,6 +10,7 @@
 //   --concurrency=C (16)  --n=N transfers per round (20000)  --warmup=W (200)
 //   --min-seconds=S rounds go on until S seconds have passed (1)
 //   --duration=S wrk's run time (3)
+//   --tls         HTTPS on nginx's TLS port (HTTP/2 by ALPN), CA verified
 //   --reuse       netloop and multi_poll: one handle per slot, added again
 //                 after each finish (the others ignore it)
 // Figure: requests per second.
@@ -30,6 +31,7 @@
 #include "common/NetloopGets.h"
 #include "netloop/IHttpInterface.h"
 #include "loopback/NginxServer.h"
+#include "loopback/TestTls.h"
 
 namespace {
 
@@ -40,6 +42,8 @@ constexpr size_t kBodySize = 100;
 // --reuse: each slot keeps its easy handle (netloop: its handle) and re-adds it
 // after every finish, instead of making a new one per request.
 bool g_Reuse = false;
+// --tls: nginx's TLS port (HTTP/2 by ALPN), verified against the loopback CA.
+std::string g_CaFile;
 
 using Tally = bench::GetTally;
 
@@ -54,6 +58,7 @@ CURL* NewEasy(const std::string& url) {
     CURL* easy = curl_easy_init();
     auto* x = new Xfer;
     bench::SetPlainOptions(easy, url.c_str());
+    if (!g_CaFile.empty()) curl_easy_setopt(easy, CURLOPT_CAINFO, g_CaFile.c_str());
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &bench::AppendToString);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, &x->body);
     curl_easy_setopt(easy, CURLOPT_PRIVATE, x);
@@ -291,7 +296,12 @@ int main(int argc, char** argv) {
     curl_global_init(CURL_GLOBAL_DEFAULT);
     testsupport::NginxServer nginx;
     if (!nginx.Running()) return res.Skip("nginx is not installed");
-    const std::string url = nginx.Url("/small");
+    const bool tls = args.Int("tls", 0) != 0;
+    if (tls) {
+        res.Param("tls", 1);
+        g_CaFile = testsupport::TestTls().caFile;
+    }
+    const std::string url = tls ? nginx.TlsUrl("/small") : nginx.Url("/small");
     const double limit = timeout;
 
     if (impl == "netloop") {
@@ -301,6 +311,7 @@ int main(int argc, char** argv) {
         options.url = url;
         options.bodySize = kBodySize;
         options.reuseHandles = g_Reuse;
+        options.caPath = g_CaFile;
         auto gets = std::make_shared<bench::NetloopGets>(frame.get(), options);
         return bench::MeasureGets(res, *gets, warmup, n, concurrency, limit, minSeconds);
     }
