@@ -115,6 +115,10 @@ int CHttpFrame::HandleSocket(CURL* easy, curl_socket_t socket, int action, void*
                 if (frame->KeepSocketRec(rec)) {
                     // Unreferenced, it does not hold the loop up at a stop.
                     uv_unref(handle);
+                    frame->m_IdleSockets.push_back(socket);
+                    uv_handle_t* sweep = reinterpret_cast<uv_handle_t*>(&frame->m_SocketSweep);
+                    if (sweep->loop != nullptr && uv_is_active(sweep) == 0 && uv_is_closing(sweep) == 0)
+                        uv_prepare_start(&frame->m_SocketSweep, OnSocketSweep);
                 } else {
                     uv_poll_stop(&rec->m_Poll);
                     uv_close(handle, FreeCurlSocketRec);
@@ -256,6 +260,22 @@ void CHttpFrame::ForgetCurlSocket(curl_socket_t socket) {
     if (uint8_t* closes = SlotOf(m_CurlClosesSocket, socket, false)) *closes = 0;
     if (CurlSocketRec* rec = TakeSocketRec(socket))
         uv_close(reinterpret_cast<uv_handle_t*>(&rec->m_Poll), FreeCurlSocketRec);
+}
+
+// Runs just before the loop waits, after the turn's callbacks and the kick: a
+// kept record that no transfer has taken back by now is idle for a while, and
+// stops watching so that the idle connection costs nothing.
+void CHttpFrame::OnSocketSweep(uv_prepare_t* prepare) {
+    auto* frame = static_cast<CHttpFrame*>(prepare->data);
+    for (curl_socket_t socket : frame->m_IdleSockets) {
+        CurlSocketRec** kept = SlotOf(frame->m_KeptSocketRecs, socket, false);
+        CurlSocketRec* rec = kept != nullptr ? *kept : nullptr;
+        if (rec == nullptr || rec->m_Assigned || rec->m_Events == 0) continue;
+        uv_poll_stop(&rec->m_Poll);
+        rec->m_Events = 0;
+    }
+    frame->m_IdleSockets.clear();
+    uv_prepare_stop(prepare);
 }
 
 // Every libcurl call that may reach the application's notices goes through

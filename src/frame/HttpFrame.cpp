@@ -97,6 +97,7 @@ CHttpFrame::CHttpFrame() {
     std::memset(&m_ReqAsync, 0, sizeof(m_ReqAsync));
     std::memset(&m_WsTimer, 0, sizeof(m_WsTimer));
     std::memset(&m_Kick, 0, sizeof(m_Kick));
+    std::memset(&m_SocketSweep, 0, sizeof(m_SocketSweep));
 }
 
 CHttpFrame::~CHttpFrame() {
@@ -138,6 +139,7 @@ bool CHttpFrame::InitLoopHandles() {
     std::memset(&m_ReqAsync, 0, sizeof(m_ReqAsync));
     std::memset(&m_WsTimer, 0, sizeof(m_WsTimer));
     std::memset(&m_Kick, 0, sizeof(m_Kick));
+    std::memset(&m_SocketSweep, 0, sizeof(m_SocketSweep));
 
     m_Loop.reset(static_cast<uv_loop_t*>(std::malloc(sizeof(uv_loop_t))), std::free);
     int rc = m_Loop ? uv_loop_init(m_Loop.get()) : UV_ENOMEM;
@@ -177,6 +179,14 @@ bool CHttpFrame::InitLoopHandles() {
         WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]uv_idle_init failed", rc, uv_strerror(rc));
         return false;
     }
+    m_SocketSweep.data = this;
+    rc = uv_prepare_init(m_Loop.get(), &m_SocketSweep);
+    if (rc != 0) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]uv_prepare_init failed", rc, uv_strerror(rc));
+        return false;
+    }
+    // It only tidies up: it never holds the loop up.
+    uv_unref(reinterpret_cast<uv_handle_t*>(&m_SocketSweep));
     return true;
 }
 
@@ -200,6 +210,7 @@ void CHttpFrame::ReleaseLoopResources() {
         CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_ReqAsync));
         CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_WsTimer));
         CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_Kick));
+        CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_SocketSweep));
         // One more pass completes the closes begun above and those that
         // curl_multi_cleanup began for its sockets, so no handle memory is left
         // behind when the loop goes.
@@ -210,6 +221,7 @@ void CHttpFrame::ReleaseLoopResources() {
     m_WsDue.clear();
     m_CurlClosesSocket.clear();
     m_KeptSocketRecs.clear();
+    m_IdleSockets.clear();
 }
 
 void CHttpFrame::Uninit() {
@@ -351,6 +363,7 @@ void CHttpFrame::StopOnLoop(uv_async_t*) {
     CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_ReqAsync));
     CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_WsTimer));
     CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_Kick));
+    CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_SocketSweep));
 }
 
 // ---------------------------------------------------------------------------

@@ -127,6 +127,11 @@ public:
     // libcurl's "time-out 0" served on the next turn of the loop, without the
     // 1 ms wait of m_Timer (which stays armed as libcurl asked).
     uv_idle_t m_Kick;
+    // Sockets whose kept record still watches after libcurl removed them; the
+    // sweep stops those that no transfer took back during the loop's turn.
+    uv_prepare_t m_SocketSweep;
+    std::vector<curl_socket_t> m_IdleSockets;  // loop thread only
+    static void OnSocketSweep(uv_prepare_t* prepare);
     std::vector<std::weak_ptr<CHttpHandle>> m_WsDue;  // loop thread only
 
     // The frame whose libcurl calls this thread makes: the loop thread's own
