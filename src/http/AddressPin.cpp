@@ -1,5 +1,6 @@
 // Pins a transfer's server address when the process resolver already knows it,
 // so libcurl does not resolve the name again.
+#include <arpa/inet.h>
 #include <netdb.h>
 
 #include <cstring>
@@ -36,6 +37,14 @@ const char* DefaultPortOf(const std::string& scheme) {
     return "";
 }
 
+// "127.0.0.1" or "[::1]", as libcurl's URL parser gives a host.
+bool IsNumericHost(const std::string& host) {
+    unsigned char addr[sizeof(struct in6_addr)];
+    if (inet_pton(AF_INET, host.c_str(), addr) == 1) return true;
+    if (host.size() < 2 || host.front() != '[' || host.back() != ']') return false;
+    return inet_pton(AF_INET6, host.substr(1, host.size() - 2).c_str(), addr) == 1;
+}
+
 }  // namespace
 
 bool CHttpHandle::SplitUrlHostPort(const char* url, std::string& host, std::string& port) {
@@ -56,6 +65,10 @@ std::string CHttpHandle::BuildAddressPin(const char* url) {
     // libcurl refuses an entry without a port and fails the whole transfer, so
     // a pin that cannot name one is not made.
     if (port.empty()) return {};
+    // A numeric address needs no look-up from libcurl, so a pin would only
+    // cost the resolver call here and libcurl's parsing of the entry on every
+    // transfer.
+    if (IsNumericHost(host)) return {};
 
     struct addrinfo hints;
     std::memset(&hints, 0, sizeof(hints));
