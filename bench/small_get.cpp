@@ -10,6 +10,9 @@
 //   --concurrency=C (16)  --n=N transfers per round (20000)  --warmup=W (200)
 //   --min-seconds=S rounds go on until S seconds have passed (1)
 //   --duration=S wrk's run time (3)
+//   --tls         HTTPS on nginx's TLS port (HTTP/2 by ALPN), CA verified
+//   --reuse       netloop and multi_poll: one handle per slot, added again
+//                 after each finish (the others ignore it)
 // Figure: requests per second.
 #include <curl/curl.h>
 #include <unistd.h>
@@ -28,12 +31,19 @@
 #include "common/NetloopGets.h"
 #include "netloop/IHttpInterface.h"
 #include "loopback/NginxServer.h"
+#include "loopback/TestTls.h"
 
 namespace {
 
 using namespace netloop;
 
 constexpr size_t kBodySize = 100;
+
+// --reuse: each slot keeps its easy handle (netloop: its handle) and re-adds it
+// after every finish, instead of making a new one per request.
+bool g_Reuse = false;
+// --tls: nginx's TLS port (HTTP/2 by ALPN), verified against the loopback CA.
+std::string g_CaFile;
 
 using Tally = bench::GetTally;
 
@@ -48,6 +58,7 @@ CURL* NewEasy(const std::string& url) {
     CURL* easy = curl_easy_init();
     auto* x = new Xfer;
     bench::SetPlainOptions(easy, url.c_str());
+    if (!g_CaFile.empty()) curl_easy_setopt(easy, CURLOPT_CAINFO, g_CaFile.c_str());
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &bench::AppendToString);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, &x->body);
     curl_easy_setopt(easy, CURLOPT_PRIVATE, x);
@@ -70,9 +81,15 @@ uint64_t ReapFinished(CURLM* multi, const std::string& url, uint64_t& started, u
         const bool good = result == CURLE_OK && code == 200 && x->body.size() == kBodySize;
         ++(good ? tally.ok : tally.bad);
         curl_multi_remove_handle(multi, easy);
+        ++finished;
+        if (g_Reuse && started < total) {
+            ++started;
+            x->body.clear();
+            curl_multi_add_handle(multi, easy);
+            continue;
+        }
         curl_easy_cleanup(easy);
         delete x;
-        ++finished;
         if (started < total) {
             ++started;
             curl_multi_add_handle(multi, NewEasy(url));
@@ -268,6 +285,8 @@ int main(int argc, char** argv) {
     bench::StartWatchdog("small_get", impl, timeout);
     bench::Result res("small_get", impl);
     res.Param("concurrency", concurrency);
+    g_Reuse = args.Int("reuse", 0) != 0;
+    if (g_Reuse) res.Param("reuse", 1);
     if (impl == "wrk") {
         res.Param("duration", args.Int("duration", 3));
     } else {
@@ -277,7 +296,12 @@ int main(int argc, char** argv) {
     curl_global_init(CURL_GLOBAL_DEFAULT);
     testsupport::NginxServer nginx;
     if (!nginx.Running()) return res.Skip("nginx is not installed");
-    const std::string url = nginx.Url("/small");
+    const bool tls = args.Int("tls", 0) != 0;
+    if (tls) {
+        res.Param("tls", 1);
+        g_CaFile = testsupport::TestTls().caFile;
+    }
+    const std::string url = tls ? nginx.TlsUrl("/small") : nginx.Url("/small");
     const double limit = timeout;
 
     if (impl == "netloop") {
@@ -286,6 +310,8 @@ int main(int argc, char** argv) {
         bench::GetOptions options;
         options.url = url;
         options.bodySize = kBodySize;
+        options.reuseHandles = g_Reuse;
+        options.caPath = g_CaFile;
         auto gets = std::make_shared<bench::NetloopGets>(frame.get(), options);
         return bench::MeasureGets(res, *gets, warmup, n, concurrency, limit, minSeconds);
     }

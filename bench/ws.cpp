@@ -259,6 +259,10 @@ int main(int argc, char** argv) {
 
     int exitCode = 0;
     double elapsed = -1;
+    // Counted over the whole run, connection and warm-up included: a small
+    // share next to the timed messages.
+    bench::CostMeter cost;
+    cost.Start();
     if (impl == "netloop") {
         elapsed = RunNetloop(res, exitCode, url, type, payload, warmup, n, timeout);
     } else if (impl == "baseline") {
@@ -267,6 +271,7 @@ int main(int argc, char** argv) {
         return res.Fail("unknown --impl (netloop, baseline)");
     }
     if (elapsed < 0) return exitCode;
+    cost.Report(res, static_cast<double>(warmup + n), "message");
     res.Extra("seconds", elapsed);
     if (echo) return res.Print(static_cast<double>(n) / elapsed, "round trips/s");
     return res.Print(static_cast<double>(n) * static_cast<double>(size) / elapsed / 1e6, "MB/s");

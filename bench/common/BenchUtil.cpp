@@ -1,6 +1,9 @@
 #include "common/BenchUtil.h"
 
 #include <fcntl.h>
+#include <linux/perf_event.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,6 +13,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <thread>
@@ -230,6 +236,83 @@ std::string CachedDataFile(uint64_t size) {
         throw std::runtime_error("cannot write " + path);
     }
     return path;
+}
+
+}  // namespace bench
+
+// ---------------------------------------------------------------------------
+// CostMeter
+
+namespace bench {
+namespace {
+
+double ProcessCpuSeconds() {
+    struct rusage ru {};
+    getrusage(RUSAGE_SELF, &ru);
+    return ru.ru_utime.tv_sec + ru.ru_stime.tv_sec + (ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
+}
+
+long SyscallTracepointId() {
+    for (const char* path : {"/sys/kernel/tracing/events/raw_syscalls/sys_enter/id",
+                             "/sys/kernel/debug/tracing/events/raw_syscalls/sys_enter/id"}) {
+        std::ifstream in(path);
+        long id = -1;
+        if (in >> id) return id;
+    }
+    return -1;
+}
+
+}  // namespace
+
+CostMeter::~CostMeter() {
+    for (int fd : m_Fds) ::close(fd);
+}
+
+uint64_t CostMeter::ReadCalls() const {
+    uint64_t total = 0;
+    for (int fd : m_Fds) {
+        uint64_t v = 0;
+        if (::read(fd, &v, sizeof(v)) == sizeof(v)) total += v;
+    }
+    return total;
+}
+
+void CostMeter::Start() {
+    if (!m_Opened) {
+        m_Opened = true;
+        const long id = SyscallTracepointId();
+        if (id >= 0) {
+            perf_event_attr attr {};
+            attr.size = sizeof(attr);
+            attr.type = PERF_TYPE_TRACEPOINT;
+            attr.config = static_cast<uint64_t>(id);
+            attr.inherit = 1;  // threads started later count too
+            std::vector<int> fds;
+            bool all = true;
+            for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+                const pid_t tid = static_cast<pid_t>(std::stol(entry.path().filename().string()));
+                int fd = static_cast<int>(::syscall(SYS_perf_event_open, &attr, tid, -1, -1, 0));
+                if (fd < 0) {
+                    all = false;
+                    break;
+                }
+                fds.push_back(fd);
+            }
+            if (all) {
+                m_Fds.swap(fds);
+            } else {
+                for (int fd : fds) ::close(fd);
+            }
+        }
+    }
+    m_Calls0 = ReadCalls();
+    m_Cpu0 = ProcessCpuSeconds();
+}
+
+void CostMeter::Report(Result& res, double items, const std::string& item) {
+    if (items <= 0) return;
+    res.Extra("cpu_us_per_" + item, (ProcessCpuSeconds() - m_Cpu0) * 1e6 / items);
+    if (!m_Fds.empty()) res.Extra("syscalls_per_" + item, static_cast<double>(ReadCalls() - m_Calls0) / items);
 }
 
 }  // namespace bench

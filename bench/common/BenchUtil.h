@@ -113,3 +113,31 @@ private:
 std::string CachedDataFile(uint64_t size);
 
 }  // namespace bench
+
+namespace bench {
+
+// What a stretch of work cost this process: CPU time (user + system, every
+// thread) and system calls entered by its threads (those alive at the first
+// Start() and those they start later). Child processes such as nginx are not
+// counted; in-process loopback servers are, alike for both sides of a pair. The system call count needs the raw_syscalls
+// tracepoint (tracefs mounted, perf events allowed); without it only CPU time
+// is reported.
+class CostMeter {
+public:
+    CostMeter() = default;
+    ~CostMeter();
+    CostMeter(const CostMeter&) = delete;
+    CostMeter& operator=(const CostMeter&) = delete;
+    void Start();
+    // Adds cpu_us_per_<item> and, when counted, syscalls_per_<item> to `res`.
+    void Report(Result& res, double items, const std::string& item = "item");
+
+private:
+    uint64_t ReadCalls() const;
+    std::vector<int> m_Fds;
+    bool m_Opened = false;
+    double m_Cpu0 = 0;
+    uint64_t m_Calls0 = 0;
+};
+
+}  // namespace bench

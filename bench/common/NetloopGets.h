@@ -24,6 +24,10 @@ struct GetOptions {
     size_t bodySize = 100;              // expected response body size
     std::string caPath;                 // SetCaPath when not empty
     std::list<std::string> headers;     // SetHeaders when not empty
+    // Add the finished handle again, with its easy handle and options, instead
+    // of deleting it and making a new one. Its body text keeps growing (the
+    // handle appends each body to the last), so only its length is checked.
+    bool reuseHandles = false;
 };
 
 class NetloopGets : public netloop::IHttpHandleNotic, public std::enable_shared_from_this<NetloopGets> {
@@ -43,11 +47,18 @@ public:
     GetTally Counts() const { return GetTally{m_Ok.load(), m_Bad.load()}; }
 
     void OnFinish(std::shared_ptr<netloop::IHttpHandleInterface> handle, int result, void*) override {
-        const bool good =
-            result == 0 && handle->GetResponseCode() == 200 && handle->GetResponse().size() == m_Options.bodySize;
+        const size_t size = handle->GetResponse().size();
+        const bool sized = m_Options.reuseHandles ? size != 0 && size % m_Options.bodySize == 0
+                                                  : size == m_Options.bodySize;
+        const bool good = result == 0 && handle->GetResponseCode() == 200 && sized;
         (good ? m_Ok : m_Bad).fetch_add(1);
-        m_Frame->DelHttpReq(handle, false, nullptr, nullptr);
-        if (m_Claimed.fetch_add(1) < m_Total) Launch(false);
+        const bool more = m_Claimed.fetch_add(1) < m_Total;
+        if (more && m_Options.reuseHandles) {
+            if (m_Frame->AddHttpReq(handle, false, nullptr, nullptr) != 0) m_Bad.fetch_add(1);
+        } else {
+            m_Frame->DelHttpReq(handle, false, nullptr, nullptr);
+            if (more) Launch(false);
+        }
         m_Done.Add(1);
     }
     void OnWsData(const char*, size_t, int, void*) override {}
@@ -86,6 +97,8 @@ template <typename Runner>
 int MeasureGets(Result& res, Runner& runner, uint64_t warmup, uint64_t n, int concurrency, double limit,
                 double minSeconds, const std::function<void()>& describe = nullptr) {
     if (warmup > 0 && !runner.Run(warmup, concurrency, limit)) return res.Fail("warm-up did not finish");
+    CostMeter cost;
+    cost.Start();
     const double t0 = Now();
     uint64_t done = 0;
     do {
@@ -96,6 +109,7 @@ int MeasureGets(Result& res, Runner& runner, uint64_t warmup, uint64_t n, int co
     auto counts = runner.Counts();
     if (counts.bad != 0) return res.Fail(std::to_string(counts.bad) + " transfers failed");
     res.Extra("transfers", static_cast<double>(done)).Extra("seconds", elapsed);
+    cost.Report(res, static_cast<double>(done), "request");
     if (describe) describe();
     return res.Print(static_cast<double>(done) / elapsed, "req/s");
 }

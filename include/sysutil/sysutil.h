@@ -60,4 +60,10 @@ public:
 // their own rules.
 SYSUTIL_EXPORT void SetLogLevel(int minLevel);
 
+// True when a message of `level` would be dropped unseen: the default logger is
+// the process's logger and `level` is below its threshold. Lets a caller skip
+// fetching the logger and gathering the message's arguments. False whenever an
+// application's logger is installed, which decides for itself.
+SYSUTIL_EXPORT bool LogLevelDropped(int level);
+
 }  // namespace sysutil

@@ -105,12 +105,25 @@ int CHttpFrame::HandleSocket(CURL* easy, curl_socket_t socket, int action, void*
         case CURL_POLL_REMOVE: {
             if (socketp == nullptr) return 0;
             auto* rec = static_cast<CurlSocketRec*>(socketp);
-            uv_poll_stop(&rec->m_Poll);
+            rec->m_Assigned = false;
             // libcurl removes a kept-alive connection's socket after every
-            // transfer: its record stays, stopped, for the next transfer on the
-            // same connection, and goes when libcurl closes the socket.
-            if (uv_is_closing(reinterpret_cast<uv_handle_t*>(&rec->m_Poll)) == 0 && !frame->KeepSocketRec(rec))
-                uv_close(reinterpret_cast<uv_handle_t*>(&rec->m_Poll), FreeCurlSocketRec);
+            // transfer: its record stays for the next transfer on the same
+            // connection, still watching (see CurlSocketRec), and goes when
+            // libcurl closes the socket.
+            uv_handle_t* handle = reinterpret_cast<uv_handle_t*>(&rec->m_Poll);
+            if (uv_is_closing(handle) == 0) {
+                if (frame->KeepSocketRec(rec)) {
+                    // Unreferenced, it does not hold the loop up at a stop.
+                    uv_unref(handle);
+                    frame->m_IdleSockets.push_back(socket);
+                    uv_handle_t* sweep = reinterpret_cast<uv_handle_t*>(&frame->m_SocketSweep);
+                    if (sweep->loop != nullptr && uv_is_active(sweep) == 0 && uv_is_closing(sweep) == 0)
+                        uv_prepare_start(&frame->m_SocketSweep, OnSocketSweep);
+                } else {
+                    uv_poll_stop(&rec->m_Poll);
+                    uv_close(handle, FreeCurlSocketRec);
+                }
+            }
             curl_multi_assign(frame->m_Multi, socket, nullptr);
             return 0;
         }
@@ -138,7 +151,10 @@ int CHttpFrame::OnHandleSocket(CHttpFrame* frame, curl_socket_t socket, int acti
         }
         rec->m_Poll.data = rec;
         rec->m_Frame = frame;
+        rec->m_Events = 0;
     }
+    uv_ref(reinterpret_cast<uv_handle_t*>(&rec->m_Poll));
+    rec->m_Assigned = true;
     CURLMcode rc = curl_multi_assign(frame->m_Multi, socket, rec);
     if (rc != CURLM_OK) {
         WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl_multi_assign failed while OnHandleSocket",
@@ -147,7 +163,14 @@ int CHttpFrame::OnHandleSocket(CHttpFrame* frame, curl_socket_t socket, int acti
         if (made) uv_close(reinterpret_cast<uv_handle_t*>(&rec->m_Poll), FreeCurlSocketRec);
         return -1;
     }
-    uv_poll_start(&rec->m_Poll, PollEventsOf(action), CurlPerform);
+    // libuv stops and re-registers the descriptor on every start, even for
+    // the same events; a socket that already watches what libcurl asks for is
+    // left alone.
+    const int events = PollEventsOf(action);
+    if (events != rec->m_Events) {
+        uv_poll_start(&rec->m_Poll, events, CurlPerform);
+        rec->m_Events = events;
+    }
     return 0;
 }
 
@@ -157,6 +180,13 @@ void CHttpFrame::CurlPerform(uv_poll_t* poll, int status, int events) {
     // touched after it.
     CHttpFrame* frame = rec->m_Frame;
     curl_socket_t socket = rec->m_Socket;
+    if (!rec->m_Assigned) {
+        // An idle kept-alive connection woke up (the server closed it, most
+        // likely): libcurl finds out when it next looks at the connection.
+        uv_poll_stop(poll);
+        rec->m_Events = 0;
+        return;
+    }
     int mask = 0;
     if (events & UV_READABLE) mask |= CURL_CSELECT_IN;
     if (events & UV_WRITABLE) mask |= CURL_CSELECT_OUT;
@@ -230,6 +260,22 @@ void CHttpFrame::ForgetCurlSocket(curl_socket_t socket) {
     if (uint8_t* closes = SlotOf(m_CurlClosesSocket, socket, false)) *closes = 0;
     if (CurlSocketRec* rec = TakeSocketRec(socket))
         uv_close(reinterpret_cast<uv_handle_t*>(&rec->m_Poll), FreeCurlSocketRec);
+}
+
+// Runs just before the loop waits, after the turn's callbacks and the kick: a
+// kept record that no transfer has taken back by now is idle for a while, and
+// stops watching so that the idle connection costs nothing.
+void CHttpFrame::OnSocketSweep(uv_prepare_t* prepare) {
+    auto* frame = static_cast<CHttpFrame*>(prepare->data);
+    for (curl_socket_t socket : frame->m_IdleSockets) {
+        CurlSocketRec** kept = SlotOf(frame->m_KeptSocketRecs, socket, false);
+        CurlSocketRec* rec = kept != nullptr ? *kept : nullptr;
+        if (rec == nullptr || rec->m_Assigned || rec->m_Events == 0) continue;
+        uv_poll_stop(&rec->m_Poll);
+        rec->m_Events = 0;
+    }
+    frame->m_IdleSockets.clear();
+    uv_prepare_stop(prepare);
 }
 
 // Every libcurl call that may reach the application's notices goes through

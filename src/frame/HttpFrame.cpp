@@ -97,6 +97,7 @@ CHttpFrame::CHttpFrame() {
     std::memset(&m_ReqAsync, 0, sizeof(m_ReqAsync));
     std::memset(&m_WsTimer, 0, sizeof(m_WsTimer));
     std::memset(&m_Kick, 0, sizeof(m_Kick));
+    std::memset(&m_SocketSweep, 0, sizeof(m_SocketSweep));
 }
 
 CHttpFrame::~CHttpFrame() {
@@ -139,6 +140,7 @@ bool CHttpFrame::InitLoopHandles() {
     std::memset(&m_ReqAsync, 0, sizeof(m_ReqAsync));
     std::memset(&m_WsTimer, 0, sizeof(m_WsTimer));
     std::memset(&m_Kick, 0, sizeof(m_Kick));
+    std::memset(&m_SocketSweep, 0, sizeof(m_SocketSweep));
 
     m_Loop.reset(static_cast<uv_loop_t*>(std::malloc(sizeof(uv_loop_t))), std::free);
     int rc = m_Loop ? uv_loop_init(m_Loop.get()) : UV_ENOMEM;
@@ -178,6 +180,14 @@ bool CHttpFrame::InitLoopHandles() {
         WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]uv_idle_init failed", rc, uv_strerror(rc));
         return false;
     }
+    m_SocketSweep.data = this;
+    rc = uv_prepare_init(m_Loop.get(), &m_SocketSweep);
+    if (rc != 0) {
+        WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]uv_prepare_init failed", rc, uv_strerror(rc));
+        return false;
+    }
+    // It only tidies up: it never holds the loop up.
+    uv_unref(reinterpret_cast<uv_handle_t*>(&m_SocketSweep));
     return true;
 }
 
@@ -201,6 +211,7 @@ void CHttpFrame::ReleaseLoopResources() {
         CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_ReqAsync));
         CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_WsTimer));
         CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_Kick));
+        CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_SocketSweep));
         // One more pass completes the closes begun above and those that
         // curl_multi_cleanup began for its sockets, so no handle memory is left
         // behind when the loop goes.
@@ -213,6 +224,7 @@ void CHttpFrame::ReleaseLoopResources() {
     m_StopDue = false;
     m_CurlClosesSocket.clear();
     m_KeptSocketRecs.clear();
+    m_IdleSockets.clear();
 }
 
 void CHttpFrame::Uninit() {
@@ -361,6 +373,7 @@ void CHttpFrame::StopOnLoop(uv_async_t*) {
     CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_ReqAsync));
     CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_WsTimer));
     CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_Kick));
+    CloseFrameHandle(reinterpret_cast<uv_handle_t*>(&m_SocketSweep));
 }
 
 // ---------------------------------------------------------------------------
@@ -393,14 +406,22 @@ void CHttpFrame::RunAsynOperReqs() {
     if (m_AsynOperReqList.empty()) m_AsynOperReqList.swap(batch);
 }
 
+// Called with m_Mutex held. The loop takes the whole list in one go, so only
+// the record that finds it empty needs to wake the loop: any later one rides
+// on that wake-up.
+void CHttpFrame::WakeForRecord(std::shared_ptr<AsynOperReq> oper) {
+    const bool wake = m_AsynOperReqList.empty();
+    m_AsynOperReqList.push_back(std::move(oper));
+    if (wake) uv_async_send(&m_ReqAsync);
+}
+
 bool CHttpFrame::PostAsynOper(std::shared_ptr<AsynOperReq> oper) {
     std::lock_guard<std::mutex> lock(m_Mutex);
     if (!m_Running.load()) {
         WriteNetLog(LOG_ERROR, "[NETLOOP]Can not add timer req now");
         return false;
     }
-    m_AsynOperReqList.push_back(std::move(oper));
-    uv_async_send(&m_ReqAsync);
+    WakeForRecord(std::move(oper));
     return true;
 }
 
@@ -414,8 +435,7 @@ int CHttpFrame::SubmitOper(std::shared_ptr<AsynOperReq> oper, bool forceAsyn) {
     }
     std::lock_guard<std::mutex> lock(m_Mutex);
     if (!m_Running.load()) return -1;
-    m_AsynOperReqList.push_back(std::move(oper));
-    uv_async_send(&m_ReqAsync);
+    WakeForRecord(std::move(oper));
     return 0;
 }
 

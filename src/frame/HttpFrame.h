@@ -137,6 +137,11 @@ public:
     // libcurl's "time-out 0" served on the next turn of the loop, without the
     // 1 ms wait of m_Timer (which stays armed as libcurl asked).
     uv_idle_t m_Kick;
+    // Sockets whose kept record still watches after libcurl removed them; the
+    // sweep stops those that no transfer took back during the loop's turn.
+    uv_prepare_t m_SocketSweep;
+    std::vector<curl_socket_t> m_IdleSockets;  // loop thread only
+    static void OnSocketSweep(uv_prepare_t* prepare);
     std::vector<std::weak_ptr<CHttpHandle>> m_WsDue;  // loop thread only
     // Transfers waiting for a connection; frames with connection limits only.
     std::unique_ptr<CConnectionGate> m_Gate;
@@ -186,6 +191,7 @@ private:
     bool AcceptsAdd(const char* kind) const;
     CURLMcode SocketAction(curl_socket_t socket, int mask);
     // Kept records (CurlBridge.cpp); loop thread, or the release of the loop.
+    void WakeForRecord(std::shared_ptr<AsynOperReq> oper);
     bool KeepSocketRec(CurlSocketRec* rec);
     CurlSocketRec* TakeSocketRec(curl_socket_t socket);
     void ForgetCurlSocket(curl_socket_t socket);

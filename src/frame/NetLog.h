@@ -16,6 +16,9 @@ enum LogLevel : int {
 // it at any time; the reference is dropped right after the line.
 template <typename... Args>
 void WriteNetLog(int level, const char* format, Args... args) {
+    // Routine lines are most lines and the default logger drops them: no need
+    // to take the logger's lock for them.
+    if (sysutil::LogLevelDropped(level)) return;
     std::shared_ptr<sysutil::ISysutilLogInterface> logger = sysutil::ISysutilLogInterface::GetLogInstance(nullptr);
     if (!logger) return;
     int tid = sysutil::GetTid();

@@ -78,6 +78,14 @@ void CollectAddresses(const struct addrinfo* chain, std::string& v4, std::string
     }
 }
 
+// "127.0.0.1" or "[::1]", as libcurl's URL parser gives a host.
+bool IsNumericHost(const std::string& host) {
+    unsigned char addr[sizeof(struct in6_addr)];
+    if (inet_pton(AF_INET, host.c_str(), addr) == 1) return true;
+    if (host.size() < 2 || host.front() != '[' || host.back() != ']') return false;
+    return inet_pton(AF_INET6, host.substr(1, host.size() - 2).c_str(), addr) == 1;
+}
+
 }  // namespace
 
 bool CHttpHandle::SplitUrlHostPort(const char* url, std::string& host, std::string& port) {
@@ -101,6 +109,10 @@ std::string CHttpHandle::BuildAddressPin(const char* url) {
     // libcurl answers localhost names itself, with both loopback addresses and
     // without asking the system: a pin could only take one of them away.
     if (IsLocalhostName(host)) return {};
+    // A numeric address needs no look-up from libcurl, so a pin would only
+    // cost the resolver call here and libcurl's parsing of the entry on every
+    // transfer.
+    if (IsNumericHost(host)) return {};
 
     struct addrinfo hints;
     std::memset(&hints, 0, sizeof(hints));

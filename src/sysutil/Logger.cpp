@@ -13,6 +13,8 @@ namespace sysutil {
 namespace {
 
 std::atomic<int> g_MinLevel{40};
+// Whether the default logger is still the process's logger.
+std::atomic<bool> g_DefaultLogger{true};
 
 // Writes to stderr: "2026-11-23 11:04:08.123 [60] 4711 text".
 class CStderrLogger : public ISysutilLogInterface {
@@ -61,10 +63,17 @@ ISysutilLogInterface::~ISysutilLogInterface() = default;
 std::shared_ptr<ISysutilLogInterface> ISysutilLogInterface::GetLogInstance(
     std::shared_ptr<ISysutilLogInterface> replace) {
     std::lock_guard<std::mutex> lock(g_LoggerMutex);
-    if (replace) CurrentLogger() = std::move(replace);
+    if (replace) {
+        CurrentLogger() = std::move(replace);
+        g_DefaultLogger.store(false, std::memory_order_relaxed);
+    }
     return CurrentLogger();
 }
 
 void SetLogLevel(int minLevel) { g_MinLevel.store(minLevel, std::memory_order_relaxed); }
+
+bool LogLevelDropped(int level) {
+    return g_DefaultLogger.load(std::memory_order_relaxed) && level < g_MinLevel.load(std::memory_order_relaxed);
+}
 
 }  // namespace sysutil

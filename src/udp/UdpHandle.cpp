@@ -2,6 +2,8 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
 
 #include "frame/HttpFrame.h"
 #include "frame/NetLog.h"
@@ -354,6 +356,11 @@ int CUdpHandle::FailConnect(bool socketMade) {
 int CUdpHandle::SendUdpOnLoop(std::shared_ptr<std::vector<uint8_t>> data) {
     // A close that overtook a queued send ends it here.
     if (m_State.load() != UDP_HANDLE_CONNECTED) return -1;
+    // Most datagrams go out at once: no request, no completion callback. libuv
+    // refuses (UV_EAGAIN) while earlier sends wait in its queue, so the order
+    // holds.
+    uv_buf_t now = uv_buf_init(reinterpret_cast<char*>(data->data()), static_cast<unsigned int>(data->size()));
+    if (uv_udp_try_send(&m_Udp, &now, 1, nullptr) == static_cast<int>(data->size())) return 0;
     auto* send = new UdpSendBuf;
     send->req.data = send;
     send->data = std::move(data);
@@ -389,10 +396,22 @@ void CUdpHandle::OnUdpSendDone(uv_udp_send_t* req, int status) {
     delete static_cast<UdpSendBuf*>(req->data);
 }
 
-void CUdpHandle::OnUdpAlloc(uv_handle_t*, size_t suggestedSize, uv_buf_t* buf) {
+namespace {
+
+// One receive buffer per loop thread, big enough for any datagram. libuv reads
+// one datagram into it and hands it to OnUdpRecv before it asks for the next
+// buffer, and the notice only borrows the bytes for its call.
+// Made on first use, so that threads that never receive pay nothing.
+constexpr size_t kUdpReceiveSize = 64 * 1024;
+thread_local std::unique_ptr<char[]> t_UdpReceive;
+
+}  // namespace
+
+void CUdpHandle::OnUdpAlloc(uv_handle_t*, size_t, uv_buf_t* buf) {
+    if (!t_UdpReceive) t_UdpReceive.reset(new (std::nothrow) char[kUdpReceiveSize]);
     // A failed allocation reaches OnUdpRecv as UV_ENOBUFS.
-    buf->base = static_cast<char*>(std::malloc(suggestedSize));
-    buf->len = suggestedSize;
+    buf->base = t_UdpReceive.get();
+    buf->len = t_UdpReceive ? kUdpReceiveSize : 0;
 }
 
 void CUdpHandle::OnUdpRecv(uv_udp_t* udp, ssize_t nread, const uv_buf_t* buf, const struct sockaddr* addr,
@@ -415,7 +434,7 @@ void CUdpHandle::OnUdpRecv(uv_udp_t* udp, ssize_t nread, const uv_buf_t* buf, co
             self->m_Notic->OnUdpData(buf->base, static_cast<int64_t>(nread), peerIp, self->m_UserData);
         }
     }
-    if (buf->base != nullptr) std::free(buf->base);
+    // buf->base is the loop thread's receive buffer: nothing to free.
 }
 
 // ---------------------------------------------------------------------------
