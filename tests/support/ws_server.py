@@ -74,6 +74,11 @@ async def report(ws, name):
     await ws.send(RESULTS.pop(name, "none"))
 
 
+async def echo(ws):
+    async for message in ws:
+        await ws.send(message)
+
+
 async def handler(ws, path):
     if path == "/fragments":
         # Frame by frame: send() of a list would end with an empty final
@@ -104,8 +109,7 @@ async def handler(ws, path):
         await ws.send(await ws.recv())
         ws.transport.abort()
         return
-    async for message in ws:  # echo
-        await ws.send(message)
+    await echo(ws)
 
 
 async def refuse(path, headers):
