@@ -1,6 +1,8 @@
 // Arbitrary URLs through the URL splitter and the address-pin builder: no
 // crash, and a pin is always "host:port:address" with the URL's own host and a
-// numeric port; localhost names, which libcurl answers itself, get none.
+// numeric port; localhost names, which libcurl answers itself, and numeric
+// hosts, which it never resolves, get none.
+#include <arpa/inet.h>
 #include <netdb.h>
 
 #include <cctype>
@@ -43,7 +45,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (char c : host) name += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     if (!name.empty() && name.back() == '.') name.pop_back();
     const bool local = name == "localhost" || (name.size() > 10 && name.rfind(".localhost") == name.size() - 10);
-    if (!split || port.empty() || local) {
+    unsigned char addr[16];
+    const bool numeric = inet_pton(AF_INET, host.c_str(), addr) == 1 ||
+                         (host.size() > 2 && host[0] == '[' && inet_pton(AF_INET6, host.substr(1, host.size() - 2).c_str(), addr) == 1);
+    if (!split || port.empty() || local || numeric) {
         if (!pin.empty()) std::abort();
         return 0;
     }

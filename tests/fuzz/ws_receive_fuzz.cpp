@@ -197,7 +197,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             pos += 2;
         }
         if (pos >= size) break;
-        const size_t len = std::min<size_t>(data[pos++], size - pos);
+        const size_t want = data[pos++];
+        const size_t len = std::min(want, size - pos);
         Feed(data + pos, len, head & 0x7f, bytesleft, &model);
         pos += len;
     }
