@@ -45,6 +45,7 @@ async def hostile(ws, name):
             if kind == "huge":
                 ws.transport.write(bytes([0x82, 127]) + (1 << 40).to_bytes(8, "big"))
             while sent < 2048 * MIB and ws.open:
+                await asyncio.sleep(0)  # let the client's close frame in between chunks
                 if kind == "huge":
                     ws.transport.write(chunk)
                     await ws.drain()
