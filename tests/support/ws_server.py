@@ -8,7 +8,8 @@ for ws (and one for wss) and prints "ws <port>" (and "wss <port>"). By path:
                       "mented ", "message", then echo
   /ping               pings with "are you there", sends "pong:are you there" once
                       the pong is in ("no pong" after 20 s), then echo
-  /close/<code>/<why> closes at once with that code and reason
+  /close/<code>/<why> closes at once with that code and reason; /report/close/<why>
+                      then sends "answered <client's close code>" or "answered never"
   /one-then-close     waits for a message, then sends "only", a close (1000) and
                       the end of the stream in one write
   /drop               echoes one message, then drops TCP without a close frame
@@ -94,7 +95,8 @@ async def handler(ws, path):
             await ws.send("no pong")
     elif path.startswith("/close/"):
         _, _, code, reason = path.split("/", 3)
-        await ws.close(int(code), reason)
+        await ws.close(int(code), reason)  # waits for the client's close frame
+        RESULTS["close/" + reason] = "answered %s" % (ws.close_rcvd.code if ws.close_rcvd else "never")
         return
     elif path == "/one-then-close":
         await ws.recv()

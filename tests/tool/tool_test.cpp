@@ -7,7 +7,6 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -23,11 +22,6 @@ struct ToolRun {
     std::string out, err;
     std::string all() const { return out + err; }
 };
-
-std::string ReadAll(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 // Runs the tool through the shell, `input` piped to stdin, stdout to
 // `stdoutPath` (default: a file read back), killed after 120 s.
@@ -45,8 +39,8 @@ ToolRun Tool(const std::vector<std::string>& args, const std::string& input = ""
     int status = std::system(cmd.c_str());
     ToolRun run;
     run.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    if (captured) run.out = ReadAll(stdoutPath);
-    run.err = ReadAll(dir.Path() + "/err");
+    if (captured) run.out = ReadFile(stdoutPath);
+    run.err = ReadFile(dir.Path() + "/err");
     return run;
 }
 
@@ -178,11 +172,14 @@ TEST(Tool, HttpCommands) {
 
 TEST(Tool, WsUdpAndDemo) {
     WsServer ws;
+    Faults faults;
     // Exit 0 only for a clean close; every other end says why.
     for (const auto& [args, input, code, want] : std::vector<std::tuple<std::vector<std::string>, std::string, int, std::string>>{
              {{ws.Url("/echo")}, std::string("x\0y\n", 4), 0, std::string("[text] x\0y", 10)},
              {{ws.Url("/fragments")}, "", 0, "[text] fragmented message\n"},
              {{ws.Url("/close/1001/away")}, "", 0, "[close] 1001 away"},
+             {{ws.Url("/report/close/away"), "--wait", "15000"}, "x\n", 0, "[text] answered 10"},
+             {{"ws" + faults.Url("/silent").substr(4), "--connect-timeout", "1000"}, "", 1, "no answer to the upgrade"},
              {{ws.Url("/close/1011/broken")}, "", 1, "closed with 1011 broken"},
              {{ws.Url("/refuse")}, "x\n", 1, "upgrade refused: HTTP 403"},
              {{ws.Url("/drop")}, "x\n", 1, "connection lost without a close frame"},
