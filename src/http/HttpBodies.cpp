@@ -135,7 +135,7 @@ int CHttpHandle::EnableProgress(bool enable) {
                     static_cast<int>(rc), curl_easy_strerror(rc), 0);
         return -1;
     }
-    rc = curl_easy_setopt(m_Curl, CURLOPT_XFERINFODATA, m_Self);
+    rc = curl_easy_setopt(m_Curl, CURLOPT_XFERINFODATA, &m_Self);
     if (rc != CURLE_OK) {
         WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl set CURLOPT_PROGRESSDATA[%d] failed", static_cast<int>(rc),
                     curl_easy_strerror(rc), 0);

@@ -1,5 +1,7 @@
 #include "http/HttpHandle.h"
 
+#include <new>
+
 #include "frame/HttpFrame.h"
 #include "frame/NetLog.h"
 
@@ -38,11 +40,7 @@ int CHttpHandle::InitHttpReq(const char* url, const char* tag, int reqType, std:
         m_State.exchange(HTTP_HANDLE_IDLE);
         return -1;
     }
-    m_Self = new std::shared_ptr<CHttpHandle>(shared_from_this());
-    // The error buffer lives as long as the handle, so handles never armed
-    // do not carry it.
-    if (!m_CurlError) m_CurlError.reset(new char[CURL_ERROR_SIZE]);
-    m_CurlError[0] = '\0';
+    m_Self = shared_from_this();
     if (!SetCommonOptions(url, connectTimeoutMs, timeoutMs) || !SetRequestType(reqType)) {
         FailInit();
         return -1;
@@ -102,13 +100,11 @@ bool CHttpHandle::SetCommonOptions(const char* url, int connectTimeoutMs, int ti
         const char* failure;
     };
     const PointerOption pointers[] = {
-        {CURLOPT_PRIVATE, m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_PRIVATE failed"},
+        {CURLOPT_PRIVATE, &m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_PRIVATE failed"},
         {CURLOPT_WRITEFUNCTION, reinterpret_cast<void*>(&CurlWriteCallback),
          "[NETLOOP]err[%d:%s]curl set CURLOPT_WRITEFUNCTION failed"},
-        {CURLOPT_WRITEDATA, m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_WRITEDATA failed"},
-        {CURLOPT_READDATA, m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_READDATA failed"},
-        // libcurl's own words on a failure, kept for GetErrorText.
-        {CURLOPT_ERRORBUFFER, m_CurlError.get(), "[NETLOOP]err[%d:%s]curl set CURLOPT_ERRORBUFFER failed"},
+        {CURLOPT_WRITEDATA, &m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_WRITEDATA failed"},
+        {CURLOPT_READDATA, &m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_READDATA failed"},
         // With READDATA pointing at the handle, libcurl's default read function
         // would take it for a FILE*: a POST without a body or an upload without
         // a size reads through the handle's own callback instead.
@@ -163,8 +159,7 @@ void CHttpHandle::FailInit() {
     m_Curl = nullptr;
     curl_slist_free_all(m_ResolveSlist);
     m_ResolveSlist = nullptr;
-    delete m_Self;
-    m_Self = nullptr;
+    m_Self.reset();
     m_State.exchange(HTTP_HANDLE_IDLE);
 }
 
@@ -188,8 +183,7 @@ void CHttpHandle::ReleaseTransfer() {
         m_File = nullptr;
     }
     // The caller holds its own reference, so the object outlives this step.
-    delete m_Self;
-    m_Self = nullptr;
+    m_Self.reset();
     m_Notic.reset();
     m_State.exchange(HTTP_HANDLE_IDLE);
 }
@@ -236,7 +230,7 @@ int CHttpHandle::OperAdd(const std::shared_ptr<CHttpFrame>& frame, const AsynHtt
     CURLMcode rc = CURLM_BAD_EASY_HANDLE;  // what libcurl answers for an idle handle
     if (m_Curl != nullptr && IsReady()) {
         JoinFrame(frame);
-        rc = AddToMulti(frame);
+        rc = UseErrorBuffer() ? AddToMulti(frame) : CURLM_OUT_OF_MEMORY;
     }
     int result = 0;
     if (rc != CURLM_OK) {
@@ -276,6 +270,20 @@ void CHttpHandle::JoinFrame(const std::shared_ptr<CHttpFrame>& frame) {
         curl_easy_setopt(m_Curl, CURLOPT_CLOSESOCKETFUNCTION, &CHttpFrame::OnCurlCloseSocket);
         m_SocketHooks = true;
     }
+}
+
+// libcurl's own words on a failure, kept for GetErrorText. Only a transfer
+// can fail, so handles that are armed and wait carry no buffer; once made it
+// lasts as long as the handle.
+bool CHttpHandle::UseErrorBuffer() {
+    if (!m_CurlError) m_CurlError.reset(new (std::nothrow) char[CURL_ERROR_SIZE]);
+    if (!m_CurlError) return false;
+    m_CurlError[0] = '\0';
+    CURLcode rc = curl_easy_setopt(m_Curl, CURLOPT_ERRORBUFFER, m_CurlError.get());
+    if (rc == CURLE_OK) return true;
+    WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl set CURLOPT_ERRORBUFFER failed", static_cast<int>(rc),
+                curl_easy_strerror(rc));
+    return false;
 }
 
 // Into libcurl now or, on a frame with connection limits that leave no room

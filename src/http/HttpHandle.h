@@ -2,7 +2,7 @@
 // GET, POST or upload, or a WebSocket client connection.
 //
 // From a successful InitHttpReq until teardown the handle owns its easy handle
-// and keeps itself alive through m_Self, a heap-held strong reference whose
+// and keeps itself alive through m_Self, a strong reference to itself whose
 // address is the user pointer of every libcurl callback. Only teardown
 // (ReleaseTransfer, run by the delete operation) releases it.
 #pragma once
@@ -99,7 +99,7 @@ public:
     // first with `format`, which takes the URL.
     void EndUnstarted(const char* format);
 
-    // libcurl callbacks; `userp` is m_Self.
+    // libcurl callbacks; `userp` is &m_Self.
     static size_t CurlWriteCallback(char* data, size_t size, size_t nmemb, void* userp);
     static size_t CurlReadCallback(char* buffer, size_t size, size_t nitems, void* userp);
     static int CurlXferInfoCallback(void* userp, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal,
@@ -138,6 +138,7 @@ private:
     int OperDel(const std::shared_ptr<CHttpFrame>& frame, const AsynHttpReq& oper);
     int RemoveFromMulti(const std::shared_ptr<CHttpFrame>& frame, const char* failure);
     CURLMcode AddToMulti(const std::shared_ptr<CHttpFrame>& frame);
+    bool UseErrorBuffer();
     void JoinFrame(const std::shared_ptr<CHttpFrame>& frame);
     void CallDone(const AsynHttpReq& oper, int result);
     void ReleaseTransfer();
@@ -224,7 +225,7 @@ private:
     FILE* m_File = nullptr;
     std::string m_Response;
     std::string m_ErrorText;  // why the last transfer failed, for GetErrorText
-    std::unique_ptr<char[]> m_CurlError;     // libcurl's CURLOPT_ERRORBUFFER, made by the first InitHttpReq
+    std::unique_ptr<char[]> m_CurlError;     // libcurl's CURLOPT_ERRORBUFFER, made by the first add
     curl_off_t m_MaxBody = 0;                // SetMaxResponseSize; 0 is no cap
     curl_off_t m_BodyBytes = 0;              // body bytes taken by the current transfer (loop thread)
     bool m_BodyRefused = false;              // the current transfer's body passed the cap (logged once)
@@ -232,7 +233,7 @@ private:
     std::string m_PostFields;
     std::shared_ptr<void> m_Context;
     std::shared_ptr<IHttpHandleNotic> m_Notic;
-    std::shared_ptr<CHttpHandle>* m_Self = nullptr;
+    std::shared_ptr<CHttpHandle> m_Self;
     std::shared_ptr<CHttpFrame> m_Frame;  // accessed atomically
     CURLSH* m_JoinedShare = nullptr;      // the share m_Curl was attached to (loop thread)
     bool m_EndQueued = false;             // see SetEndQueued (loop thread)

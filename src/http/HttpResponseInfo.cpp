@@ -15,7 +15,7 @@ void CHttpHandle::OnTransferEnded(CURLcode result) {
     // A reason the library found itself (a body past the cap, a failed write,
     // a failed WebSocket) stands: libcurl would only say that its callback
     // refused the bytes. libcurl's words fill in the rest.
-    if (m_ErrorText.empty() && result != CURLE_OK) m_ErrorText = m_CurlError.get();
+    if (m_ErrorText.empty() && result != CURLE_OK && m_CurlError) m_ErrorText = m_CurlError.get();
 }
 
 const std::string& CHttpHandle::GetErrorText() { return m_ErrorText; }

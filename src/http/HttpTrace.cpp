@@ -86,7 +86,7 @@ int CHttpHandle::EnableVerbose() {
                     curl_easy_strerror(rc));
         return -1;
     }
-    rc = curl_easy_setopt(m_Curl, CURLOPT_DEBUGDATA, m_Self);
+    rc = curl_easy_setopt(m_Curl, CURLOPT_DEBUGDATA, &m_Self);
     if (rc != CURLE_OK) {
         WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl set CURLOPT_DEBUGDATA failed", static_cast<int>(rc),
                     curl_easy_strerror(rc));

@@ -82,10 +82,10 @@ bool CHttpHandle::SetWsOptions() {
     const Option options[] = {
         {CURLOPT_HEADERFUNCTION, reinterpret_cast<void*>(&CurlWsHeaderCallback),
          "[NETLOOP]err[%d:%s]curl set CURLOPT_HEADERFUNCTION failed"},
-        {CURLOPT_HEADERDATA, m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_HEADERDATA failed"},
+        {CURLOPT_HEADERDATA, &m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_HEADERDATA failed"},
         {CURLOPT_XFERINFOFUNCTION, reinterpret_cast<void*>(&CurlXferInfoCallback),
          "[NETLOOP]err[%d:%s]curl set CURLOPT_XFERINFOFUNCTION failed"},
-        {CURLOPT_XFERINFODATA, m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_XFERINFODATA failed"},
+        {CURLOPT_XFERINFODATA, &m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_XFERINFODATA failed"},
     };
     for (const Option& opt : options) {
         CURLcode rc = curl_easy_setopt(m_Curl, opt.option, opt.value);
