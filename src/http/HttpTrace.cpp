@@ -51,7 +51,7 @@ int CHttpHandle::SetCaPath(const char* caPath) {
 
 int CHttpHandle::SetHeaders(const std::list<std::string>& headers) {
     if (!IsReady() || m_Curl == nullptr) return -1;
-    m_HeaderList = headers;
+    Transfer().m_HeaderList = headers;
     // libcurl's list grows across calls on one easy handle; GetHeaders keeps
     // the last list only.
     for (const std::string& header : headers) {
