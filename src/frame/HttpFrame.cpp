@@ -60,7 +60,7 @@ struct ImplOfHandle<ITimerHandleInterface> {
     static IAsynOperInterface* Exact(ITimerHandleInterface* h) {
         const std::type_info& type = typeid(*h);
         if (type == typeid(CFunctionTimerHandle)) return static_cast<CFunctionTimerHandle*>(h);
-        return type == typeid(CTimerHandle) ? static_cast<CTimerHandle*>(h) : nullptr;
+        return type == typeid(CNoticeTimerHandle) ? static_cast<CNoticeTimerHandle*>(h) : nullptr;
     }
 };
 template <>

@@ -11,9 +11,9 @@ namespace netloop {
 
 int CHttpHandle::SetPostFields(const char* fields) {
     if (fields == nullptr || !IsReady() || m_Curl == nullptr || m_ReqType != HTTP_REQ_POST) return -1;
-    m_PostFields = fields;
+    Transfer().m_PostFields = fields;
     // libcurl keeps only the pointer: it reads the handle's own copy.
-    CURLcode rc = curl_easy_setopt(m_Curl, CURLOPT_POSTFIELDS, m_PostFields.c_str());
+    CURLcode rc = curl_easy_setopt(m_Curl, CURLOPT_POSTFIELDS, Transfer().m_PostFields.c_str());
     if (rc == CURLE_OK) return 0;
     WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl set CURLOPT_POSTFIELDS[%s] failed", static_cast<int>(rc),
                 curl_easy_strerror(rc), fields);
@@ -46,27 +46,27 @@ size_t CHttpHandle::CurlReadCallback(char* buffer, size_t size, size_t nitems, v
 
 int CHttpHandle::SetOutputFile(const char* path) {
     if (!IsReady() || path == nullptr) return -1;
-    if (m_File != nullptr) {
-        std::fclose(m_File);
-        m_File = nullptr;
+    if (Transfer().m_File != nullptr) {
+        std::fclose(Transfer().m_File);
+        Transfer().m_File = nullptr;
     }
-    m_File = sysutil::CPathUtil::OpenFile(path, "wb", -1);
-    if (m_File == nullptr) {
+    Transfer().m_File = sysutil::CPathUtil::OpenFile(path, "wb", -1);
+    if (Transfer().m_File == nullptr) {
         WriteNetLog(LOG_ERROR, "[NETLOOP]Open file[%s] failed", path);
         return -1;
     }
     // Unbuffered: libcurl hands over whole chunks, and a write that fails
     // (a full disk) must fail while the transfer can still report it, not in
     // the fclose of the teardown.
-    std::setvbuf(m_File, nullptr, _IONBF, 0);
-    m_FilePath = path;
+    std::setvbuf(Transfer().m_File, nullptr, _IONBF, 0);
+    Transfer().m_FilePath = path;
     return 0;
 }
 
 size_t CHttpHandle::CurlWriteCallback(char* data, size_t size, size_t nmemb, void* userp) {
     CHttpHandle* handle = static_cast<std::shared_ptr<CHttpHandle>*>(userp)->get();
     const size_t len = size * nmemb;  // libcurl always passes a size of 1
-    if (handle->m_File != nullptr) return handle->WriteFile(data, len);
+    if (handle->Transfer().m_File != nullptr) return handle->WriteFile(data, len);
     if (handle->m_ReqType == HTTP_REQ_WEBSOCKET) {
         handle->OnWsChunk(data, len);
         return len;
@@ -85,22 +85,22 @@ static size_t BodyRoom(curl_off_t cap, curl_off_t taken, size_t len) {
 }
 
 size_t CHttpHandle::KeepBody(const char* data, size_t len) {
-    const size_t room = BodyRoom(m_MaxBody, m_BodyBytes, len);
-    m_Response.append(data, room);
-    m_BodyBytes += static_cast<curl_off_t>(room);
+    const size_t room = BodyRoom(Transfer().m_MaxBody, Transfer().m_BodyBytes, len);
+    Transfer().m_Response.append(data, room);
+    Transfer().m_BodyBytes += static_cast<curl_off_t>(room);
     if (room < len) RefuseOverCap();
     return room;
 }
 
 size_t CHttpHandle::WriteFile(const char* data, size_t len) {
-    const size_t room = BodyRoom(m_MaxBody, m_BodyBytes, len);
-    const size_t written = std::fwrite(data, 1, room, m_File);
-    m_BodyBytes += static_cast<curl_off_t>(written);
+    const size_t room = BodyRoom(Transfer().m_MaxBody, Transfer().m_BodyBytes, len);
+    const size_t written = std::fwrite(data, 1, room, Transfer().m_File);
+    Transfer().m_BodyBytes += static_cast<curl_off_t>(written);
     if (written < room) {
         // Losing the rest silently would report a truncated file as a success.
         const int err = errno;
-        WriteNetLog(LOG_ERROR, "[NETLOOP]Write file[%s] failed[%d:%s]", m_FilePath.c_str(), err, std::strerror(err));
-        m_ErrorText = std::string("writing ") + m_FilePath + " failed: " + std::strerror(err);
+        WriteNetLog(LOG_ERROR, "[NETLOOP]Write file[%s] failed[%d:%s]", Transfer().m_FilePath.c_str(), err, std::strerror(err));
+        Transfer().m_ErrorText = std::string("writing ") + Transfer().m_FilePath + " failed: " + std::strerror(err);
     } else if (room < len) {
         RefuseOverCap();
     }
@@ -108,11 +108,11 @@ size_t CHttpHandle::WriteFile(const char* data, size_t len) {
 }
 
 void CHttpHandle::RefuseOverCap() {
-    if (m_BodyRefused) return;
-    const long long cap = static_cast<long long>(m_MaxBody);
+    if (Transfer().m_BodyRefused) return;
+    const long long cap = static_cast<long long>(Transfer().m_MaxBody);
     WriteNetLog(LOG_ERROR, "[NETLOOP]%s response body larger than [%lld] bytes", m_Url.c_str(), cap);
-    m_ErrorText = "response body larger than " + std::to_string(cap) + " bytes";
-    m_BodyRefused = true;
+    Transfer().m_ErrorText = "response body larger than " + std::to_string(cap) + " bytes";
+    Transfer().m_BodyRefused = true;
 }
 
 int CHttpHandle::EnableProgress(bool enable) {
@@ -135,7 +135,7 @@ int CHttpHandle::EnableProgress(bool enable) {
                     static_cast<int>(rc), curl_easy_strerror(rc), 0);
         return -1;
     }
-    rc = curl_easy_setopt(m_Curl, CURLOPT_XFERINFODATA, m_Self);
+    rc = curl_easy_setopt(m_Curl, CURLOPT_XFERINFODATA, &m_Self);
     if (rc != CURLE_OK) {
         WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl set CURLOPT_PROGRESSDATA[%d] failed", static_cast<int>(rc),
                     curl_easy_strerror(rc), 0);
@@ -153,7 +153,7 @@ int CHttpHandle::CurlXferInfoCallback(void* userp, curl_off_t dltotal, curl_off_
     }
     std::shared_ptr<IHttpHandleNotic> notic = handle->m_Notic;
     if (notic)
-        notic->OnProgress(handle->m_Tag.c_str(), handle->m_Url.c_str(), dltotal, dlnow, ultotal, ulnow,
+        notic->OnProgress(handle->Transfer().m_Tag.c_str(), handle->m_Url.c_str(), dltotal, dlnow, ultotal, ulnow,
                           handle->m_UserData);
     return 0;
 }

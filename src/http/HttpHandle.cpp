@@ -1,5 +1,7 @@
 #include "http/HttpHandle.h"
 
+#include <new>
+
 #include "frame/HttpFrame.h"
 #include "frame/NetLog.h"
 
@@ -13,6 +15,18 @@ CHttpHandle::~CHttpHandle() {
     // While m_Self exists nobody can drop the last reference, so this finds the
     // handle idle and touches no libcurl object; it is here for completeness.
     ReleaseTransfer();
+    delete m_Transfer.load(std::memory_order_acquire);
+}
+
+CHttpHandle::TransferState& CHttpHandle::Transfer() const {
+    TransferState* state = m_Transfer.load(std::memory_order_acquire);
+    if (state != nullptr) return *state;
+    // Two threads may get here at once: the first to store its block wins.
+    auto* made = new TransferState();
+    if (m_Transfer.compare_exchange_strong(state, made, std::memory_order_acq_rel, std::memory_order_acquire))
+        return *made;
+    delete made;
+    return *state;
 }
 
 // ---------------------------------------------------------------------------
@@ -38,24 +52,24 @@ int CHttpHandle::InitHttpReq(const char* url, const char* tag, int reqType, std:
         m_State.exchange(HTTP_HANDLE_IDLE);
         return -1;
     }
-    m_Self = new std::shared_ptr<CHttpHandle>(shared_from_this());
-    // The error buffer lives as long as the handle, so handles never armed
-    // do not carry it.
-    if (!m_CurlError) m_CurlError.reset(new char[CURL_ERROR_SIZE]);
-    m_CurlError[0] = '\0';
+    m_Self = shared_from_this();
     if (!SetCommonOptions(url, connectTimeoutMs, timeoutMs) || !SetRequestType(reqType)) {
         FailInit();
         return -1;
     }
-    m_Tag = tag != nullptr ? tag : "";
+    TransferState* transfer = TransferIfAny();
+    if (transfer == nullptr && tag != nullptr && *tag != '\0') transfer = &Transfer();
+    if (transfer != nullptr) {
+        transfer->m_Tag = tag != nullptr ? tag : "";
+        transfer->m_ErrorText.clear();
+        transfer->m_MaxBody = 0;
+        transfer->m_BodyBytes = 0;
+        transfer->m_BodyRefused = false;
+    }
     m_Url = url;
     m_ReqType = reqType;
     m_Notic = std::move(notic);
     m_UserData = userData;
-    m_ErrorText.clear();
-    m_MaxBody = 0;
-    m_BodyBytes = 0;
-    m_BodyRefused = false;
     m_State.exchange(HTTP_HANDLE_READY);
     return 0;
 }
@@ -102,13 +116,11 @@ bool CHttpHandle::SetCommonOptions(const char* url, int connectTimeoutMs, int ti
         const char* failure;
     };
     const PointerOption pointers[] = {
-        {CURLOPT_PRIVATE, m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_PRIVATE failed"},
+        {CURLOPT_PRIVATE, &m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_PRIVATE failed"},
         {CURLOPT_WRITEFUNCTION, reinterpret_cast<void*>(&CurlWriteCallback),
          "[NETLOOP]err[%d:%s]curl set CURLOPT_WRITEFUNCTION failed"},
-        {CURLOPT_WRITEDATA, m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_WRITEDATA failed"},
-        {CURLOPT_READDATA, m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_READDATA failed"},
-        // libcurl's own words on a failure, kept for GetErrorText.
-        {CURLOPT_ERRORBUFFER, m_CurlError.get(), "[NETLOOP]err[%d:%s]curl set CURLOPT_ERRORBUFFER failed"},
+        {CURLOPT_WRITEDATA, &m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_WRITEDATA failed"},
+        {CURLOPT_READDATA, &m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_READDATA failed"},
         // With READDATA pointing at the handle, libcurl's default read function
         // would take it for a FILE*: a POST without a body or an upload without
         // a size reads through the handle's own callback instead.
@@ -163,8 +175,7 @@ void CHttpHandle::FailInit() {
     m_Curl = nullptr;
     curl_slist_free_all(m_ResolveSlist);
     m_ResolveSlist = nullptr;
-    delete m_Self;
-    m_Self = nullptr;
+    m_Self.reset();
     m_State.exchange(HTTP_HANDLE_IDLE);
 }
 
@@ -183,13 +194,13 @@ void CHttpHandle::ReleaseTransfer() {
     m_Curl = nullptr;
     m_JoinedShare = nullptr;
     m_SocketHooks = false;
-    if (m_File != nullptr) {
-        std::fclose(m_File);
-        m_File = nullptr;
+    TransferState* transfer = TransferIfAny();
+    if (transfer != nullptr && transfer->m_File != nullptr) {
+        std::fclose(transfer->m_File);
+        transfer->m_File = nullptr;
     }
     // The caller holds its own reference, so the object outlives this step.
-    delete m_Self;
-    m_Self = nullptr;
+    m_Self.reset();
     m_Notic.reset();
     m_State.exchange(HTTP_HANDLE_IDLE);
 }
@@ -197,14 +208,15 @@ void CHttpHandle::ReleaseTransfer() {
 // A transfer torn down while the gate still counts it or has it in line (its
 // removal from libcurl failed): the gate forgets it, so its slot is not lost.
 void CHttpHandle::LeaveGateAtTeardown() {
-    if (!m_Seat.counted && m_Seat.ticket == 0) return;
+    TransferState* transfer = TransferIfAny();
+    if (transfer == nullptr || (!transfer->m_Seat.counted && transfer->m_Seat.ticket == 0)) return;
     std::shared_ptr<CHttpFrame> frame = Frame();
     if (frame && frame->m_Gate) {
-        frame->m_Gate->Withdraw(m_Seat);
+        frame->m_Gate->Withdraw(transfer->m_Seat);
         LeaveGate(*frame->m_Gate);
         frame->StartWaiting();
     }
-    m_Seat = GateSeat();
+    transfer->m_Seat = GateSeat();
 }
 
 // ---------------------------------------------------------------------------
@@ -236,7 +248,7 @@ int CHttpHandle::OperAdd(const std::shared_ptr<CHttpFrame>& frame, const AsynHtt
     CURLMcode rc = CURLM_BAD_EASY_HANDLE;  // what libcurl answers for an idle handle
     if (m_Curl != nullptr && IsReady()) {
         JoinFrame(frame);
-        rc = AddToMulti(frame);
+        rc = UseErrorBuffer() ? AddToMulti(frame) : CURLM_OUT_OF_MEMORY;
     }
     int result = 0;
     if (rc != CURLM_OK) {
@@ -278,15 +290,29 @@ void CHttpHandle::JoinFrame(const std::shared_ptr<CHttpFrame>& frame) {
     }
 }
 
+// libcurl's own words on a failure, kept for GetErrorText. Only a transfer
+// can fail, so handles that are armed and wait carry no buffer; once made it
+// lasts as long as the handle.
+bool CHttpHandle::UseErrorBuffer() {
+    if (!Transfer().m_CurlError) Transfer().m_CurlError.reset(new (std::nothrow) char[CURL_ERROR_SIZE]);
+    if (!Transfer().m_CurlError) return false;
+    Transfer().m_CurlError[0] = '\0';
+    CURLcode rc = curl_easy_setopt(m_Curl, CURLOPT_ERRORBUFFER, Transfer().m_CurlError.get());
+    if (rc == CURLE_OK) return true;
+    WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl set CURLOPT_ERRORBUFFER failed", static_cast<int>(rc),
+                curl_easy_strerror(rc));
+    return false;
+}
+
 // Into libcurl now or, on a frame with connection limits that leave no room
 // yet, into the frame's line: accepted either way (CURLM_OK).
 CURLMcode CHttpHandle::AddToMulti(const std::shared_ptr<CHttpFrame>& frame) {
     if (!frame->m_Gate) return curl_multi_add_handle(frame->m_Multi, m_Curl);
     // Running or waiting already: refused as libcurl refuses a second add.
-    if (m_Seat.counted || m_Seat.ticket != 0) return CURLM_ADDED_ALREADY;
-    if (!frame->m_Gate->Admit(shared_from_this(), m_Seat, m_Url, m_ReqType == HTTP_REQ_WEBSOCKET)) return CURLM_OK;
+    if (Transfer().m_Seat.counted || Transfer().m_Seat.ticket != 0) return CURLM_ADDED_ALREADY;
+    if (!frame->m_Gate->Admit(shared_from_this(), Transfer().m_Seat, m_Url, m_ReqType == HTTP_REQ_WEBSOCKET)) return CURLM_OK;
     CURLMcode rc = curl_multi_add_handle(frame->m_Multi, m_Curl);
-    if (rc != CURLM_OK) frame->m_Gate->Left(m_Seat, 0);
+    if (rc != CURLM_OK) frame->m_Gate->Left(Transfer().m_Seat, 0);
     return rc;
 }
 
@@ -295,7 +321,7 @@ void CHttpHandle::StartWaited(const std::shared_ptr<CHttpFrame>& frame) {
     if (rc == CURLM_OK) return;
     WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl_multi_add_handle failed while AddHttpReq", static_cast<int>(rc),
                 curl_multi_strerror(rc));
-    frame->m_Gate->Left(m_Seat, 0);
+    frame->m_Gate->Left(Transfer().m_Seat, 0);
     EndUnstarted("[NETLOOP]%s not started: libcurl refused it");
 }
 
@@ -313,10 +339,11 @@ void CHttpHandle::EndUnstarted(const char* format) {
 }
 
 void CHttpHandle::LeaveGate(CConnectionGate& gate) {
-    if (!m_Seat.counted) return;
+    TransferState* transfer = TransferIfAny();
+    if (transfer == nullptr || !transfer->m_Seat.counted) return;
     long version = 0;
     if (m_Curl != nullptr) curl_easy_getinfo(m_Curl, CURLINFO_HTTP_VERSION, &version);
-    gate.Left(m_Seat, version);
+    gate.Left(transfer->m_Seat, version);
 }
 
 int CHttpHandle::OperDel(const std::shared_ptr<CHttpFrame>& frame, const AsynHttpReq& oper) {
@@ -329,9 +356,10 @@ int CHttpHandle::OperDel(const std::shared_ptr<CHttpFrame>& frame, const AsynHtt
 
 int CHttpHandle::RemoveFromMulti(const std::shared_ptr<CHttpFrame>& frame, const char* failure) {
     OnWsRemoved();
-    if (m_Seat.ticket != 0 && frame->m_Gate) {
+    TransferState* transfer = TransferIfAny();
+    if (transfer != nullptr && transfer->m_Seat.ticket != 0 && frame->m_Gate) {
         // Still waiting for a connection: libcurl never had it.
-        frame->m_Gate->Withdraw(m_Seat);
+        frame->m_Gate->Withdraw(transfer->m_Seat);
         return 0;
     }
     CURLMcode rc = m_Curl != nullptr ? curl_multi_remove_handle(frame->m_Multi, m_Curl) : CURLM_BAD_EASY_HANDLE;
@@ -339,7 +367,7 @@ int CHttpHandle::RemoveFromMulti(const std::shared_ptr<CHttpFrame>& frame, const
         WriteNetLog(LOG_ERROR, failure, static_cast<int>(rc), curl_multi_strerror(rc));
         return -1;
     }
-    if (m_Seat.counted && frame->m_Gate) {
+    if (transfer != nullptr && transfer->m_Seat.counted && frame->m_Gate) {
         LeaveGate(*frame->m_Gate);
         frame->StartWaiting();
     }
@@ -395,13 +423,38 @@ long CHttpHandle::GetResponseCode() {
 // ---------------------------------------------------------------------------
 // Plain accessors
 
-void CHttpHandle::SetContext(std::shared_ptr<void> context) { m_Context = std::move(context); }
+void CHttpHandle::SetContext(std::shared_ptr<void> context) { Transfer().m_Context = std::move(context); }
 void* CHttpHandle::GetUserData() { return m_UserData; }
 const std::string& CHttpHandle::GetUrl() { return m_Url; }
-const std::string& CHttpHandle::GetTag() { return m_Tag; }
-const std::string& CHttpHandle::GetResponse() { return m_Response; }
-void CHttpHandle::GetPostFields(std::string& out) { out = m_PostFields; }
-void CHttpHandle::GetContext(std::shared_ptr<void>& out) { out = m_Context; }
-void CHttpHandle::GetHeaders(std::list<std::string>& out) { out = m_HeaderList; }
+
+// A handle without a TransferState has none of these yet.
+const std::string& CHttpHandle::NoText() {
+    static const std::string empty;
+    return empty;
+}
+const std::string& CHttpHandle::GetTag() {
+    const TransferState* transfer = TransferIfAny();
+    return transfer != nullptr ? transfer->m_Tag : NoText();
+}
+const std::string& CHttpHandle::GetResponse() {
+    const TransferState* transfer = TransferIfAny();
+    return transfer != nullptr ? transfer->m_Response : NoText();
+}
+void CHttpHandle::GetPostFields(std::string& out) {
+    const TransferState* transfer = TransferIfAny();
+    out = transfer != nullptr ? transfer->m_PostFields : NoText();
+}
+void CHttpHandle::GetContext(std::shared_ptr<void>& out) {
+    const TransferState* transfer = TransferIfAny();
+    out = transfer != nullptr ? transfer->m_Context : nullptr;
+}
+void CHttpHandle::GetHeaders(std::list<std::string>& out) {
+    const TransferState* transfer = TransferIfAny();
+    if (transfer != nullptr) {
+        out = transfer->m_HeaderList;
+    } else {
+        out.clear();
+    }
+}
 
 }  // namespace netloop

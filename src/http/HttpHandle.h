@@ -2,7 +2,7 @@
 // GET, POST or upload, or a WebSocket client connection.
 //
 // From a successful InitHttpReq until teardown the handle owns its easy handle
-// and keeps itself alive through m_Self, a heap-held strong reference whose
+// and keeps itself alive through m_Self, a strong reference to itself whose
 // address is the user pointer of every libcurl callback. Only teardown
 // (ReleaseTransfer, run by the delete operation) releases it.
 #pragma once
@@ -89,7 +89,7 @@ public:
     bool EndQueued() const { return m_EndQueued; }
 
     // The transfer's place at the gate of a limited frame (loop thread only).
-    GateSeat& Seat() { return m_Seat; }
+    GateSeat& Seat() { return Transfer().m_Seat; }
     // Its slot is free again: it has left libcurl.
     void LeaveGate(CConnectionGate& gate);
     // Its turn has come: into libcurl with it.
@@ -99,7 +99,7 @@ public:
     // first with `format`, which takes the URL.
     void EndUnstarted(const char* format);
 
-    // libcurl callbacks; `userp` is m_Self.
+    // libcurl callbacks; `userp` is &m_Self.
     static size_t CurlWriteCallback(char* data, size_t size, size_t nmemb, void* userp);
     static size_t CurlReadCallback(char* buffer, size_t size, size_t nitems, void* userp);
     static int CurlXferInfoCallback(void* userp, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal,
@@ -138,6 +138,7 @@ private:
     int OperDel(const std::shared_ptr<CHttpFrame>& frame, const AsynHttpReq& oper);
     int RemoveFromMulti(const std::shared_ptr<CHttpFrame>& frame, const char* failure);
     CURLMcode AddToMulti(const std::shared_ptr<CHttpFrame>& frame);
+    bool UseErrorBuffer();
     void JoinFrame(const std::shared_ptr<CHttpFrame>& frame);
     void CallDone(const AsynHttpReq& oper, int result);
     void ReleaseTransfer();
@@ -211,55 +212,70 @@ private:
     bool FailedWsDone();
     void EndFailedWs();
     bool ReserveWsSend(size_t size);
-    void ReleaseWsSend(size_t size) { m_WsBuffered.fetch_sub(size); }
+    void ReleaseWsSend(size_t size) { Transfer().m_WsBuffered.fetch_sub(size); }
+
+    // What a handle needs beyond an armed request that waits: the request's
+    // extras, the state of a running transfer and of a WebSocket connection.
+    // Made by the first setter, add or transfer that needs it, from any
+    // thread, and kept until the handle goes; pools of armed handles that
+    // wait carry none of it.
+    struct TransferState {
+        std::string m_Tag;
+        std::string m_FilePath;
+        FILE* m_File = nullptr;
+        std::string m_Response;
+        std::string m_ErrorText;               // why the last transfer failed, for GetErrorText
+        std::unique_ptr<char[]> m_CurlError;   // libcurl's CURLOPT_ERRORBUFFER, made by the first add
+        curl_off_t m_MaxBody = 0;              // SetMaxResponseSize; 0 is no cap
+        curl_off_t m_BodyBytes = 0;            // body bytes taken by the current transfer (loop thread)
+        bool m_BodyRefused = false;            // the current transfer's body passed the cap (logged once)
+        std::list<std::string> m_HeaderList;
+        std::string m_PostFields;
+        std::shared_ptr<void> m_Context;
+        GateSeat m_Seat;  // see Seat (loop thread)
+
+        // WebSocket connection state; loop thread only unless noted.
+        WsOutQueue m_WsOut;                     // ordered outgoing messages not yet fully taken by libcurl
+        std::vector<WsEarlyMessage> m_WsEarly;  // messages that came with the upgrade, held for the open notice
+        std::string m_WsControl;                // a control frame that spans chunks
+        uint32_t m_WsGeneration = 0;            // counts connections, so a notice can tell its connection went away
+        uint32_t m_WsRetryMs = 0;               // delay of the next try while libcurl takes no bytes
+        int m_WsMessageType = 0;                // type of the message being reassembled in m_Response
+        WsPhase m_WsPhase = WS_PHASE_IDLE;
+        bool m_WsInMessage = false;             // a fragmented data message is under way
+        bool m_WsDue = false;                   // waiting in the frame's WebSocket service list
+
+        // WebSocket bounds (WsLimits.cpp). The two limits are set before the add.
+        size_t m_WsMaxMessage = size_t{16} << 20;  // largest incoming message; 0 none
+        size_t m_WsMaxSend = size_t{64} << 20;     // most bytes SendWsData lets wait; 0 none
+        std::atomic<size_t> m_WsBuffered{0};       // bytes handed to SendWsData not yet taken by libcurl; any thread
+        CUtf8Check m_WsUtf8;                       // the text message being received
+        uint64_t m_WsFailDeadlineMs = 0;           // when a failed connection ends even if its close frame is stuck
+        uint16_t m_WsFailCode = 0;                 // close status the library failed this connection with; 0 none
+        bool m_WsFrameEnded = true;                // the last data chunk ended its frame
+    };
+    // The handle's TransferState, made now if it has none yet (any thread).
+    TransferState& Transfer() const;
+    // The handle's TransferState if it has one: for those who only read, or
+    // clear up, and would find nothing to do in a fresh one.
+    TransferState* TransferIfAny() const { return m_Transfer.load(std::memory_order_acquire); }
+    static const std::string& NoText();
 
     CURL* m_Curl = nullptr;
     std::string m_Url;
-    int32_t m_ReqType = 0;
-    std::string m_Tag;
     void* m_UserData = nullptr;
     curl_slist* m_HeaderSlist = nullptr;
     curl_slist* m_ResolveSlist = nullptr;
-    std::string m_FilePath;
-    FILE* m_File = nullptr;
-    std::string m_Response;
-    std::string m_ErrorText;  // why the last transfer failed, for GetErrorText
-    std::unique_ptr<char[]> m_CurlError;     // libcurl's CURLOPT_ERRORBUFFER, made by the first InitHttpReq
-    curl_off_t m_MaxBody = 0;                // SetMaxResponseSize; 0 is no cap
-    curl_off_t m_BodyBytes = 0;              // body bytes taken by the current transfer (loop thread)
-    bool m_BodyRefused = false;              // the current transfer's body passed the cap (logged once)
-    std::list<std::string> m_HeaderList;
-    std::string m_PostFields;
-    std::shared_ptr<void> m_Context;
     std::shared_ptr<IHttpHandleNotic> m_Notic;
-    std::shared_ptr<CHttpHandle>* m_Self = nullptr;
+    std::shared_ptr<CHttpHandle> m_Self;
     std::shared_ptr<CHttpFrame> m_Frame;  // accessed atomically
     CURLSH* m_JoinedShare = nullptr;      // the share m_Curl was attached to (loop thread)
-    bool m_EndQueued = false;             // see SetEndQueued (loop thread)
-    bool m_SocketHooks = false;           // m_Curl has the frame's socket callbacks (loop thread)
-    GateSeat m_Seat;                      // see Seat (loop thread)
+    mutable std::atomic<TransferState*> m_Transfer{nullptr};  // see Transfer
+    int32_t m_ReqType = 0;
     std::atomic<int32_t> m_State{HTTP_HANDLE_IDLE};
-
-    // WebSocket connection state; loop thread only unless noted.
-    WsOutQueue m_WsOut;                    // ordered outgoing messages not yet fully taken by libcurl
-    std::vector<WsEarlyMessage> m_WsEarly; // messages that came with the upgrade, held for the open notice
-    std::string m_WsControl;               // a control frame that spans chunks
-    uint32_t m_WsGeneration = 0;           // counts connections, so a notice can tell its connection went away
-    uint32_t m_WsRetryMs = 0;              // delay of the next try while libcurl takes no bytes
-    int m_WsMessageType = 0;               // type of the message being reassembled in m_Response
-    WsPhase m_WsPhase = WS_PHASE_IDLE;
-    bool m_WsInMessage = false;            // a fragmented data message is under way
-    bool m_WsDue = false;                  // waiting in the frame's WebSocket service list
-    std::atomic<bool> m_WsProgress{false}; // OnProgress wanted; set by EnableProgress on any thread
-
-    // WebSocket bounds (WsLimits.cpp). The two limits are set before the add.
-    size_t m_WsMaxMessage = size_t{16} << 20;   // largest incoming message; 0 none
-    size_t m_WsMaxSend = size_t{64} << 20;      // most bytes SendWsData lets wait; 0 none
-    std::atomic<size_t> m_WsBuffered{0};        // bytes handed to SendWsData not yet taken by libcurl; any thread
-    CUtf8Check m_WsUtf8;                        // the text message being received
-    uint64_t m_WsFailDeadlineMs = 0;            // when a failed connection ends even if its close frame is stuck
-    uint16_t m_WsFailCode = 0;                  // close status the library failed this connection with; 0 none
-    bool m_WsFrameEnded = true;                 // the last data chunk ended its frame
+    bool m_EndQueued = false;               // see SetEndQueued (loop thread)
+    bool m_SocketHooks = false;             // m_Curl has the frame's socket callbacks (loop thread)
+    std::atomic<bool> m_WsProgress{false};  // OnProgress wanted; set by EnableProgress on any thread
 };
 
 }  // namespace netloop

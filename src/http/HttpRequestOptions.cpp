@@ -37,7 +37,7 @@ int CHttpHandle::SetMaxResponseSize(curl_off_t bytes) {
                     static_cast<int>(rc), curl_easy_strerror(rc), static_cast<long long>(bytes));
         return -1;
     }
-    m_MaxBody = bytes;
+    Transfer().m_MaxBody = bytes;
     return 0;
 }
 

@@ -6,19 +6,22 @@
 namespace netloop {
 
 void CHttpHandle::BeginTransfer() {
-    m_ErrorText.clear();
-    m_BodyBytes = 0;
-    m_BodyRefused = false;
+    Transfer().m_ErrorText.clear();
+    Transfer().m_BodyBytes = 0;
+    Transfer().m_BodyRefused = false;
 }
 
 void CHttpHandle::OnTransferEnded(CURLcode result) {
     // A reason the library found itself (a body past the cap, a failed write,
     // a failed WebSocket) stands: libcurl would only say that its callback
     // refused the bytes. libcurl's words fill in the rest.
-    if (m_ErrorText.empty() && result != CURLE_OK) m_ErrorText = m_CurlError.get();
+    if (Transfer().m_ErrorText.empty() && result != CURLE_OK && Transfer().m_CurlError) Transfer().m_ErrorText = Transfer().m_CurlError.get();
 }
 
-const std::string& CHttpHandle::GetErrorText() { return m_ErrorText; }
+const std::string& CHttpHandle::GetErrorText() {
+    const TransferState* transfer = TransferIfAny();
+    return transfer != nullptr ? transfer->m_ErrorText : NoText();
+}
 
 // The final response of an HTTP transfer is what libcurl files as plain
 // headers and trailers; a WebSocket's final response is its 101, which libcurl

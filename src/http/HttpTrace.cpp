@@ -51,7 +51,7 @@ int CHttpHandle::SetCaPath(const char* caPath) {
 
 int CHttpHandle::SetHeaders(const std::list<std::string>& headers) {
     if (!IsReady() || m_Curl == nullptr) return -1;
-    m_HeaderList = headers;
+    Transfer().m_HeaderList = headers;
     // libcurl's list grows across calls on one easy handle; GetHeaders keeps
     // the last list only.
     for (const std::string& header : headers) {
@@ -86,7 +86,7 @@ int CHttpHandle::EnableVerbose() {
                     curl_easy_strerror(rc));
         return -1;
     }
-    rc = curl_easy_setopt(m_Curl, CURLOPT_DEBUGDATA, m_Self);
+    rc = curl_easy_setopt(m_Curl, CURLOPT_DEBUGDATA, &m_Self);
     if (rc != CURLE_OK) {
         WriteNetLog(LOG_ERROR, "[NETLOOP]err[%d:%s]curl set CURLOPT_DEBUGDATA failed", static_cast<int>(rc),
                     curl_easy_strerror(rc));

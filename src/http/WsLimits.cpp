@@ -66,30 +66,33 @@ std::string TooBigText(size_t limit, uint64_t size) {
 // Settings
 
 int CHttpHandle::SetWsMaxMessageSize(size_t bytes) {
-    m_WsMaxMessage = bytes;
+    Transfer().m_WsMaxMessage = bytes;
     return 0;
 }
 
 int CHttpHandle::SetWsMaxSendBuffer(size_t bytes) {
-    m_WsMaxSend = bytes;
+    Transfer().m_WsMaxSend = bytes;
     return 0;
 }
 
-size_t CHttpHandle::GetWsBufferedAmount() { return m_WsBuffered.load(); }
+size_t CHttpHandle::GetWsBufferedAmount() {
+    const TransferState* transfer = TransferIfAny();
+    return transfer != nullptr ? transfer->m_WsBuffered.load() : 0;
+}
 
 // ---------------------------------------------------------------------------
 // Sending
 
 // Counts a message in before it is handed on; several threads may send at once.
 bool CHttpHandle::ReserveWsSend(size_t size) {
-    size_t waiting = m_WsBuffered.load();
+    size_t waiting = Transfer().m_WsBuffered.load();
     do {
-        if (m_WsMaxSend != 0 && (size > m_WsMaxSend || waiting > m_WsMaxSend - size)) {
+        if (Transfer().m_WsMaxSend != 0 && (size > Transfer().m_WsMaxSend || waiting > Transfer().m_WsMaxSend - size)) {
             WriteNetLog(LOG_ERROR, "[NETLOOP]ws send refused: %zu bytes waiting, %zu more would pass the limit %zu",
-                        waiting, size, m_WsMaxSend);
+                        waiting, size, Transfer().m_WsMaxSend);
             return false;
         }
-    } while (!m_WsBuffered.compare_exchange_weak(waiting, waiting + size));
+    } while (!Transfer().m_WsBuffered.compare_exchange_weak(waiting, waiting + size));
     return true;
 }
 
@@ -99,18 +102,18 @@ bool CHttpHandle::ReserveWsSend(size_t size) {
 // Decides whether a chunk may go on to be kept or delivered. False when the
 // connection has failed, now or earlier: the chunk is then dropped.
 bool CHttpHandle::AdmitWsChunk(const char* data, size_t len, int flags, curl_off_t bytesleft) {
-    if (m_WsFailCode != 0) return false;
+    if (Transfer().m_WsFailCode != 0) return false;
     if (flags & (CURLWS_CLOSE | CURLWS_PING | CURLWS_PONG)) return AdmitWsControl(len, bytesleft);
     return AdmitWsData(data, len, flags, bytesleft);
 }
 
 bool CHttpHandle::AdmitWsControl(size_t len, curl_off_t bytesleft) {
-    const uint64_t size = AnnouncedSize(m_WsControl.size(), len, bytesleft);
+    const uint64_t size = AnnouncedSize(Transfer().m_WsControl.size(), len, bytesleft);
     if (size > kControlMax)
         return FailWs(kCloseProtocolError, "protocol error",
                       "control frame too long (" + std::to_string(size) + " bytes, at most 125)");
-    if (m_WsMaxMessage != 0 && size > m_WsMaxMessage)
-        return FailWs(kCloseTooBig, "message too big", TooBigText(m_WsMaxMessage, size));
+    if (Transfer().m_WsMaxMessage != 0 && size > Transfer().m_WsMaxMessage)
+        return FailWs(kCloseTooBig, "message too big", TooBigText(Transfer().m_WsMaxMessage, size));
     return true;
 }
 
@@ -119,22 +122,22 @@ bool CHttpHandle::AdmitWsData(const char* data, size_t len, int flags, curl_off_
     // another data type ends the open one, whose last frame libcurl did not pass
     // on (it passes no empty frame).
     const int frameType = DataTypeOf(flags);
-    if (m_WsInMessage && m_WsFrameEnded && frameType != WS_MSG_OTHER && frameType != m_WsMessageType &&
+    if (Transfer().m_WsInMessage && Transfer().m_WsFrameEnded && frameType != WS_MSG_OTHER && frameType != Transfer().m_WsMessageType &&
         !EndWsMessageEarly())
         return false;
-    m_WsFrameEnded = bytesleft == 0;
-    size_t held = m_Response.size();
+    Transfer().m_WsFrameEnded = bytesleft == 0;
+    size_t held = Transfer().m_Response.size();
     // Before the open notice finished messages are held too, and count with it.
-    if (m_WsPhase == WS_PHASE_UPGRADED)
-        for (const WsEarlyMessage& msg : m_WsEarly) held += msg.bytes.size();
+    if (Transfer().m_WsPhase == WS_PHASE_UPGRADED)
+        for (const WsEarlyMessage& msg : Transfer().m_WsEarly) held += msg.bytes.size();
     const uint64_t size = AnnouncedSize(held, len, bytesleft);
-    if (m_WsMaxMessage != 0 && size > m_WsMaxMessage)
-        return FailWs(kCloseTooBig, "message too big", TooBigText(m_WsMaxMessage, size));
-    const int type = m_WsInMessage ? m_WsMessageType : frameType;
+    if (Transfer().m_WsMaxMessage != 0 && size > Transfer().m_WsMaxMessage)
+        return FailWs(kCloseTooBig, "message too big", TooBigText(Transfer().m_WsMaxMessage, size));
+    const int type = Transfer().m_WsInMessage ? Transfer().m_WsMessageType : frameType;
     const bool ends = !(flags & CURLWS_CONT) && bytesleft == 0;
-    if (type == WS_MSG_TEXT && (!m_WsUtf8.Feed(data, len) || (ends && !m_WsUtf8.Complete())))
+    if (type == WS_MSG_TEXT && (!Transfer().m_WsUtf8.Feed(data, len) || (ends && !Transfer().m_WsUtf8.Complete())))
         return FailWs(kCloseInvalidData, "invalid UTF-8", "text message is not valid UTF-8");
-    if (ends) m_WsUtf8.Reset();
+    if (ends) Transfer().m_WsUtf8.Reset();
     return true;
 }
 
@@ -142,14 +145,14 @@ bool CHttpHandle::AdmitWsData(const char* data, size_t len, int flags, curl_off_
 // delivered (text cut inside a character) or the application ended the
 // connection from its notice.
 bool CHttpHandle::EndWsMessageEarly() {
-    if (m_WsMessageType == WS_MSG_TEXT && !m_WsUtf8.Complete())
+    if (Transfer().m_WsMessageType == WS_MSG_TEXT && !Transfer().m_WsUtf8.Complete())
         return FailWs(kCloseInvalidData, "invalid UTF-8", "text message is not valid UTF-8");
-    m_WsInMessage = false;
-    m_WsUtf8.Reset();
-    const uint32_t generation = m_WsGeneration;
-    DeliverWs(m_Response.data(), m_Response.size(), m_WsMessageType);
-    m_Response.clear();
-    return generation == m_WsGeneration && m_WsPhase != WS_PHASE_ENDED;
+    Transfer().m_WsInMessage = false;
+    Transfer().m_WsUtf8.Reset();
+    const uint32_t generation = Transfer().m_WsGeneration;
+    DeliverWs(Transfer().m_Response.data(), Transfer().m_Response.size(), Transfer().m_WsMessageType);
+    Transfer().m_Response.clear();
+    return generation == Transfer().m_WsGeneration && Transfer().m_WsPhase != WS_PHASE_ENDED;
 }
 
 // ---------------------------------------------------------------------------
@@ -159,17 +162,17 @@ bool CHttpHandle::EndWsMessageEarly() {
 // sending or removal functions, so the rest waits for ServiceWs. Returns false
 // for the caller to pass on.
 bool CHttpHandle::FailWs(uint16_t code, const char* reason, const std::string& why) {
-    m_WsFailCode = code;
-    m_ErrorText = why;
+    Transfer().m_WsFailCode = code;
+    Transfer().m_ErrorText = why;
     WriteNetLog(LOG_ERROR, "[NETLOOP]%s WS FAIL [%u] %s", m_Url.c_str(), static_cast<unsigned>(code), why.c_str());
     // Nothing of the refused message is delivered, and its storage goes.
-    std::string().swap(m_Response);
-    m_WsControl.clear();
-    m_WsInMessage = false;
-    m_WsUtf8.Reset();
+    std::string().swap(Transfer().m_Response);
+    Transfer().m_WsControl.clear();
+    Transfer().m_WsInMessage = false;
+    Transfer().m_WsUtf8.Reset();
     QueueWsClose(code, reason);
     std::shared_ptr<CHttpFrame> frame = Frame();
-    m_WsFailDeadlineMs = frame ? uv_now(frame->m_Loop.get()) + kFailCloseWaitMs : 0;
+    Transfer().m_WsFailDeadlineMs = frame ? uv_now(frame->m_Loop.get()) + kFailCloseWaitMs : 0;
     ScheduleWs(0);
     return false;
 }
@@ -177,12 +180,12 @@ bool CHttpHandle::FailWs(uint16_t code, const char* reason, const std::string& w
 // The close frame goes right after the message libcurl has begun, if any:
 // messages still waiting behind it are dropped, each logged.
 void CHttpHandle::QueueWsClose(uint16_t code, const char* reason) {
-    std::unique_ptr<std::deque<WsOutMessage>> waiting = m_WsOut.TakeAll();
+    std::unique_ptr<std::deque<WsOutMessage>> waiting = Transfer().m_WsOut.TakeAll();
     if (waiting) {
         for (WsOutMessage& msg : *waiting) {
             const size_t size = msg.data ? msg.data->size() : 0;
-            if (msg.done != 0 && m_WsOut.empty()) {
-                m_WsOut.push_back(std::move(msg));
+            if (msg.done != 0 && Transfer().m_WsOut.empty()) {
+                Transfer().m_WsOut.push_back(std::move(msg));
                 continue;
             }
             WriteNetLog(LOG_UNEXPECTED, "[NETLOOP]ws message of %zu bytes not sent: the connection failed", size);
@@ -193,8 +196,8 @@ void CHttpHandle::QueueWsClose(uint16_t code, const char* reason) {
     close->push_back(static_cast<uint8_t>(code >> 8));
     close->push_back(static_cast<uint8_t>(code & 0xff));
     for (const char* c = reason; *c != '\0'; ++c) close->push_back(static_cast<uint8_t>(*c));
-    m_WsBuffered.fetch_add(close->size());
-    m_WsOut.push_back({std::move(close), CURLWS_CLOSE, 0});
+    Transfer().m_WsBuffered.fetch_add(close->size());
+    Transfer().m_WsOut.push_back({std::move(close), CURLWS_CLOSE, 0});
 }
 
 // True once a failed connection is to be dropped: the peer had its time to
@@ -204,8 +207,8 @@ bool CHttpHandle::FailedWsDone() {
     std::shared_ptr<CHttpFrame> frame = Frame();
     if (!frame) return true;
     const uint64_t now = uv_now(frame->m_Loop.get());
-    if (now >= m_WsFailDeadlineMs) return true;
-    if (m_WsOut.empty()) ScheduleWs(m_WsFailDeadlineMs - now);  // else a send retry is due
+    if (now >= Transfer().m_WsFailDeadlineMs) return true;
+    if (Transfer().m_WsOut.empty()) ScheduleWs(Transfer().m_WsFailDeadlineMs - now);  // else a send retry is due
     return false;
 }
 

@@ -66,8 +66,8 @@ size_t SizeOf(const std::shared_ptr<std::vector<uint8_t>>& data) { return data ?
 // Set-up
 
 bool CHttpHandle::SetWsOptions() {
-    m_WsPhase = WS_PHASE_IDLE;
-    m_WsFailCode = 0;
+    Transfer().m_WsPhase = WS_PHASE_IDLE;
+    Transfer().m_WsFailCode = 0;
     m_WsProgress.store(false);
     // The end of the 101 response is the only sign libcurl gives that the
     // upgrade has completed. The callback passes every header on unchanged.
@@ -82,10 +82,10 @@ bool CHttpHandle::SetWsOptions() {
     const Option options[] = {
         {CURLOPT_HEADERFUNCTION, reinterpret_cast<void*>(&CurlWsHeaderCallback),
          "[NETLOOP]err[%d:%s]curl set CURLOPT_HEADERFUNCTION failed"},
-        {CURLOPT_HEADERDATA, m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_HEADERDATA failed"},
+        {CURLOPT_HEADERDATA, &m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_HEADERDATA failed"},
         {CURLOPT_XFERINFOFUNCTION, reinterpret_cast<void*>(&CurlXferInfoCallback),
          "[NETLOOP]err[%d:%s]curl set CURLOPT_XFERINFOFUNCTION failed"},
-        {CURLOPT_XFERINFODATA, m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_XFERINFODATA failed"},
+        {CURLOPT_XFERINFODATA, &m_Self, "[NETLOOP]err[%d:%s]curl set CURLOPT_XFERINFODATA failed"},
     };
     for (const Option& opt : options) {
         CURLcode rc = curl_easy_setopt(m_Curl, opt.option, opt.value);
@@ -110,7 +110,7 @@ size_t CHttpHandle::CurlWsHeaderCallback(char* data, size_t size, size_t nitems,
     CHttpHandle* handle = static_cast<std::shared_ptr<CHttpHandle>*>(userp)->get();
     const size_t len = size * nitems;
     const bool blank = (len == 2 && data[0] == '\r' && data[1] == '\n') || (len == 1 && data[0] == '\n');
-    if (blank && handle->m_WsPhase == WS_PHASE_CONNECTING) {
+    if (blank && handle->Transfer().m_WsPhase == WS_PHASE_CONNECTING) {
         long code = 0;
         if (curl_easy_getinfo(handle->m_Curl, CURLINFO_RESPONSE_CODE, &code) == CURLE_OK && code == 101)
             handle->OnWsUpgraded();
@@ -121,7 +121,7 @@ size_t CHttpHandle::CurlWsHeaderCallback(char* data, size_t size, size_t nitems,
 void CHttpHandle::OnWsUpgraded() {
     // libcurl sets the connection up for WebSocket frames only after this
     // callback, so sending has to wait until the current libcurl call returns.
-    m_WsPhase = WS_PHASE_UPGRADED;
+    Transfer().m_WsPhase = WS_PHASE_UPGRADED;
     ScheduleWs(0);
 }
 
@@ -129,17 +129,17 @@ void CHttpHandle::OnWsAdded() {
     if (m_ReqType != HTTP_REQ_WEBSOCKET) return;
     // A fresh connection: nothing of an earlier one may leak into its first
     // message. Messages sent before this add stay queued for it.
-    ++m_WsGeneration;
-    m_WsPhase = WS_PHASE_CONNECTING;
-    m_WsRetryMs = 0;
-    m_WsDue = false;
-    m_WsFailCode = 0;
+    ++Transfer().m_WsGeneration;
+    Transfer().m_WsPhase = WS_PHASE_CONNECTING;
+    Transfer().m_WsRetryMs = 0;
+    Transfer().m_WsDue = false;
+    Transfer().m_WsFailCode = 0;
     ResetWsReceive();
 }
 
 void CHttpHandle::OnWsRemoved() {
-    if (m_ReqType != HTTP_REQ_WEBSOCKET || m_WsPhase == WS_PHASE_ENDED) return;
-    m_WsPhase = WS_PHASE_ENDED;
+    if (m_ReqType != HTTP_REQ_WEBSOCKET || Transfer().m_WsPhase == WS_PHASE_ENDED) return;
+    Transfer().m_WsPhase = WS_PHASE_ENDED;
     DropWsQueue();
     ResetWsReceive();
 }
@@ -147,40 +147,40 @@ void CHttpHandle::OnWsRemoved() {
 void CHttpHandle::OnWsEnded(CURLcode) {
     if (m_ReqType != HTTP_REQ_WEBSOCKET) return;
     // Ended by the application already (Disconnect from inside a callback).
-    if (m_WsPhase == WS_PHASE_ENDED || m_WsPhase == WS_PHASE_IDLE) return;
-    const uint32_t generation = m_WsGeneration;
+    if (Transfer().m_WsPhase == WS_PHASE_ENDED || Transfer().m_WsPhase == WS_PHASE_IDLE) return;
+    const uint32_t generation = Transfer().m_WsGeneration;
     // An upgrade and an end in the same libcurl call: the open comes first.
-    if (m_WsPhase == WS_PHASE_UPGRADED && !OpenWs()) return;
-    if (generation != m_WsGeneration) return;
-    const bool wasOpen = m_WsPhase == WS_PHASE_OPEN;
-    m_WsPhase = WS_PHASE_ENDED;
+    if (Transfer().m_WsPhase == WS_PHASE_UPGRADED && !OpenWs()) return;
+    if (generation != Transfer().m_WsGeneration) return;
+    const bool wasOpen = Transfer().m_WsPhase == WS_PHASE_OPEN;
+    Transfer().m_WsPhase = WS_PHASE_ENDED;
     DropWsQueue();
     ResetWsReceive();
-    NotifyWsState(m_WsFailCode != 0 ? WS_STATE_ERROR : wasOpen ? WS_STATE_CLOSED : WS_STATE_FAILED);
+    NotifyWsState(Transfer().m_WsFailCode != 0 ? WS_STATE_ERROR : wasOpen ? WS_STATE_CLOSED : WS_STATE_FAILED);
 }
 
 void CHttpHandle::ServiceWs() {
-    m_WsDue = false;
+    Transfer().m_WsDue = false;
     if (!IsReady() || m_Curl == nullptr) return;  // deleted meanwhile
-    if (m_WsPhase == WS_PHASE_UPGRADED && !OpenWs()) return;
-    if (m_WsPhase == WS_PHASE_OPEN) FlushWs();
-    if (m_WsFailCode != 0 && m_WsPhase == WS_PHASE_OPEN && FailedWsDone()) EndFailedWs();
+    if (Transfer().m_WsPhase == WS_PHASE_UPGRADED && !OpenWs()) return;
+    if (Transfer().m_WsPhase == WS_PHASE_OPEN) FlushWs();
+    if (Transfer().m_WsFailCode != 0 && Transfer().m_WsPhase == WS_PHASE_OPEN && FailedWsDone()) EndFailedWs();
 }
 
 // Announces the open connection, then hands over the messages that arrived
 // together with the upgrade. False when the application ended the connection
 // from inside one of these notices.
 bool CHttpHandle::OpenWs() {
-    const uint32_t generation = m_WsGeneration;
-    m_WsPhase = WS_PHASE_OPEN;
+    const uint32_t generation = Transfer().m_WsGeneration;
+    Transfer().m_WsPhase = WS_PHASE_OPEN;
     NotifyWsState(WS_STATE_OPEN);
     std::vector<WsEarlyMessage> early;
-    early.swap(m_WsEarly);
+    early.swap(Transfer().m_WsEarly);
     for (const WsEarlyMessage& msg : early) {
-        if (generation != m_WsGeneration || m_WsPhase != WS_PHASE_OPEN) return false;
+        if (generation != Transfer().m_WsGeneration || Transfer().m_WsPhase != WS_PHASE_OPEN) return false;
         DeliverWs(msg.bytes.data(), msg.bytes.size(), msg.type);
     }
-    return generation == m_WsGeneration && m_WsPhase == WS_PHASE_OPEN;
+    return generation == Transfer().m_WsGeneration && Transfer().m_WsPhase == WS_PHASE_OPEN;
 }
 
 void CHttpHandle::NotifyWsState(int state) {
@@ -193,8 +193,8 @@ void CHttpHandle::NotifyWsState(int state) {
 
 void CHttpHandle::ScheduleWs(uint64_t delayMs) {
     std::shared_ptr<CHttpFrame> frame = Frame();
-    if (!frame || m_WsDue) return;
-    m_WsDue = true;
+    if (!frame || Transfer().m_WsDue) return;
+    Transfer().m_WsDue = true;
     frame->ScheduleWs(shared_from_this(), delayMs);
 }
 
@@ -206,12 +206,12 @@ void CHttpHandle::OnWsChunk(const char* data, size_t len) {
     if (meta == nullptr) {
         // Not a frame: an HTTP body, such as what a server says while refusing
         // the upgrade. It is kept as any response body would be.
-        m_Response.append(data, len);
+        Transfer().m_Response.append(data, len);
         return;
     }
     const_cast<curl_ws_frame*>(meta)->age = kWsMetaHandled;
-    if (m_WsPhase == WS_PHASE_CONNECTING) OnWsUpgraded();
-    if (m_WsPhase == WS_PHASE_ENDED) return;  // the application has disconnected
+    if (Transfer().m_WsPhase == WS_PHASE_CONNECTING) OnWsUpgraded();
+    if (Transfer().m_WsPhase == WS_PHASE_ENDED) return;  // the application has disconnected
     OnWsFrameBytes(data, len, meta->flags, meta->bytesleft);
 }
 
@@ -221,7 +221,7 @@ void CHttpHandle::OnWsChunk(const char* data, size_t len) {
 // (an empty message, the empty last frame of a fragmented one, a bare close).
 // Only the last frame of a round can be seen this way.
 void CHttpHandle::OnWsRound() {
-    if (m_File != nullptr || (m_WsPhase != WS_PHASE_UPGRADED && m_WsPhase != WS_PHASE_OPEN)) return;
+    if (Transfer().m_File != nullptr || (Transfer().m_WsPhase != WS_PHASE_UPGRADED && Transfer().m_WsPhase != WS_PHASE_OPEN)) return;
     const curl_ws_frame* meta = curl_ws_meta(m_Curl);
     // flags 0: no frame decoded yet on this connection.
     if (meta == nullptr || meta->age == kWsMetaHandled || meta->flags == 0 || meta->len != 0 ||
@@ -241,44 +241,44 @@ void CHttpHandle::OnWsFrameBytes(const char* data, size_t len, int flags, curl_o
         // Control frames may come between the frames of a fragmented message:
         // they are delivered alone, and its bytes stay where they are.
         if (bytesleft != 0) {
-            m_WsControl.append(data, len);
+            Transfer().m_WsControl.append(data, len);
             return;
         }
         const int type = (flags & CURLWS_CLOSE) ? WS_MSG_CLOSE : WS_MSG_OTHER;
-        if (m_WsControl.empty()) {
+        if (Transfer().m_WsControl.empty()) {
             DeliverWs(data, len, type);
             return;
         }
-        m_WsControl.append(data, len);
-        DeliverWs(m_WsControl.data(), m_WsControl.size(), type);
-        m_WsControl.clear();
+        Transfer().m_WsControl.append(data, len);
+        DeliverWs(Transfer().m_WsControl.data(), Transfer().m_WsControl.size(), type);
+        Transfer().m_WsControl.clear();
         return;
     }
-    if (!m_WsInMessage) m_WsMessageType = DataTypeOf(flags);
+    if (!Transfer().m_WsInMessage) Transfer().m_WsMessageType = DataTypeOf(flags);
     if ((flags & CURLWS_CONT) || bytesleft != 0) {
-        m_WsInMessage = true;
-        m_Response.append(data, len);
+        Transfer().m_WsInMessage = true;
+        Transfer().m_Response.append(data, len);
         return;
     }
-    m_WsInMessage = false;
+    Transfer().m_WsInMessage = false;
     // The last frame carries the message's type; older libcurl releases marked
     // it as a bare continuation, so the first frame's type stands in.
     int type = DataTypeOf(flags);
-    if (type == WS_MSG_OTHER) type = m_WsMessageType;
-    if (m_Response.empty()) {
+    if (type == WS_MSG_OTHER) type = Transfer().m_WsMessageType;
+    if (Transfer().m_Response.empty()) {
         // The whole message in one chunk: straight from libcurl's buffer.
         DeliverWs(data, len, type);
         return;
     }
-    m_Response.append(data, len);
-    DeliverWs(m_Response.data(), m_Response.size(), type);
-    m_Response.clear();  // keeps its storage for the next message
+    Transfer().m_Response.append(data, len);
+    DeliverWs(Transfer().m_Response.data(), Transfer().m_Response.size(), type);
+    Transfer().m_Response.clear();  // keeps its storage for the next message
 }
 
 void CHttpHandle::DeliverWs(const char* data, size_t len, int type) {
-    if (m_WsPhase == WS_PHASE_UPGRADED) {
+    if (Transfer().m_WsPhase == WS_PHASE_UPGRADED) {
         // The open notice has to come first, and it cannot be given inside libcurl.
-        m_WsEarly.push_back({type, std::string(data, len)});
+        Transfer().m_WsEarly.push_back({type, std::string(data, len)});
         return;
     }
     if (m_EndQueued) return;  // deleted from inside libcurl: see NotifyWsState
@@ -287,12 +287,12 @@ void CHttpHandle::DeliverWs(const char* data, size_t len, int type) {
 }
 
 void CHttpHandle::ResetWsReceive() {
-    m_Response.clear();
-    m_WsControl.clear();
-    m_WsEarly.clear();
-    m_WsInMessage = false;
-    m_WsFrameEnded = true;
-    m_WsUtf8.Reset();
+    Transfer().m_Response.clear();
+    Transfer().m_WsControl.clear();
+    Transfer().m_WsEarly.clear();
+    Transfer().m_WsInMessage = false;
+    Transfer().m_WsFrameEnded = true;
+    Transfer().m_WsUtf8.Reset();
 }
 
 // ---------------------------------------------------------------------------
@@ -340,20 +340,20 @@ void CHttpHandle::SendWsOnLoop(std::shared_ptr<std::vector<uint8_t>> data, unsig
     const size_t size = SizeOf(data);
     // A connection the library is failing has its close frame queued: nothing
     // may follow it.
-    if (m_WsPhase == WS_PHASE_ENDED || m_WsFailCode != 0) {
+    if (Transfer().m_WsPhase == WS_PHASE_ENDED || Transfer().m_WsFailCode != 0) {
         ReleaseWsSend(size);
         *sent = 0;
         LogSendFailed(kWsGone);
         if (record && size != 0) LogSendShort(size, 0);
         return;
     }
-    if (m_WsPhase != WS_PHASE_OPEN || !m_WsOut.empty() || insideCurl) {
+    if (Transfer().m_WsPhase != WS_PHASE_OPEN || !Transfer().m_WsOut.empty() || insideCurl) {
         *sent = size;
-        m_WsOut.push_back({std::move(data), flags, 0});
+        Transfer().m_WsOut.push_back({std::move(data), flags, 0});
         // A queue that nobody is going to flush yet: inside libcurl the flush
         // comes right after the call; otherwise now. Before the open and while
         // a retry is due, the open or the retry flushes it.
-        if (m_WsPhase == WS_PHASE_OPEN && !m_WsDue) {
+        if (Transfer().m_WsPhase == WS_PHASE_OPEN && !Transfer().m_WsDue) {
             if (insideCurl)
                 ScheduleWs(0);
             else
@@ -368,9 +368,9 @@ void CHttpHandle::SendWsOnLoop(std::shared_ptr<std::vector<uint8_t>> data, unsig
     if (rc == CURLE_OK && *sent == size) return;
     if (rc == CURLE_OK || rc == CURLE_AGAIN) {
         // libcurl has begun the frame: the rest goes first once the socket drains.
-        m_WsOut.push_back({std::move(data), flags, *sent});
-        m_WsRetryMs = kWsRetryFirstMs;
-        ScheduleWs(m_WsRetryMs);
+        Transfer().m_WsOut.push_back({std::move(data), flags, *sent});
+        Transfer().m_WsRetryMs = kWsRetryFirstMs;
+        ScheduleWs(Transfer().m_WsRetryMs);
         return;
     }
     ReleaseWsSend(size - *sent);
@@ -387,8 +387,8 @@ void CHttpHandle::OperWsSend(const AsynWSSendReq& oper) {
 // Writes queued messages in order until libcurl takes no more. The rest of a
 // message libcurl has begun always goes first.
 void CHttpHandle::FlushWs() {
-    while (!m_WsOut.empty()) {
-        WsOutMessage& msg = m_WsOut.front();
+    while (!Transfer().m_WsOut.empty()) {
+        WsOutMessage& msg = Transfer().m_WsOut.front();
         const size_t size = SizeOf(msg.data);
         const uint8_t* bytes = size != 0 ? msg.data->data() + msg.done : nullptr;
         size_t taken = 0;
@@ -398,28 +398,28 @@ void CHttpHandle::FlushWs() {
             ReleaseWsSend(taken);
         }
         if (rc == CURLE_OK && msg.done == size) {
-            m_WsOut.pop_front();
-            m_WsRetryMs = 0;
+            Transfer().m_WsOut.pop_front();
+            Transfer().m_WsRetryMs = 0;
             continue;
         }
         if (rc == CURLE_OK || rc == CURLE_AGAIN) {
             // The socket is full and libcurl will not say when it drains: try
             // again shortly, backing off while nothing moves.
-            m_WsRetryMs = taken != 0 ? kWsRetryFirstMs : std::min(std::max(kWsRetryFirstMs, m_WsRetryMs * 2), kWsRetryMaxMs);
-            ScheduleWs(m_WsRetryMs);
+            Transfer().m_WsRetryMs = taken != 0 ? kWsRetryFirstMs : std::min(std::max(kWsRetryFirstMs, Transfer().m_WsRetryMs * 2), kWsRetryMaxMs);
+            ScheduleWs(Transfer().m_WsRetryMs);
             return;
         }
         LogSendFailed(rc);
         if (msg.done != 0) LogSendShort(size, msg.done);
         ReleaseWsSend(size - msg.done);
-        m_WsOut.pop_front();
+        Transfer().m_WsOut.pop_front();
     }
 }
 
 // The connection is gone: what is still queued cannot go anywhere.
 void CHttpHandle::DropWsQueue() {
-    if (m_WsOut.empty()) return;
-    std::unique_ptr<std::deque<WsOutMessage>> dropped = m_WsOut.TakeAll();
+    if (Transfer().m_WsOut.empty()) return;
+    std::unique_ptr<std::deque<WsOutMessage>> dropped = Transfer().m_WsOut.TakeAll();
     for (const WsOutMessage& msg : *dropped) {
         ReleaseWsSend(SizeOf(msg.data) - msg.done);
         if (msg.done != 0)
