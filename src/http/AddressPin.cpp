@@ -4,6 +4,8 @@
 #include <netdb.h>
 #include <netinet/in.h>
 
+#include <strings.h>
+
 #include <cctype>
 #include <cstring>
 
@@ -86,6 +88,63 @@ bool IsNumericHost(const std::string& host) {
     return inet_pton(AF_INET6, host.substr(1, host.size() - 2).c_str(), addr) == 1;
 }
 
+// Where a URL's authority ends, as libcurl's parser finds it: the text up to
+// there ("https://user@host:port") decides host and port, and the rest only
+// whether libcurl takes the URL at all. 0 for URLs this is not sure of: other
+// schemes than HTTP and WebSocket, and slashes other than two.
+// libcurl's CURL_MAX_INPUT_LENGTH: its parser takes no longer URL.
+constexpr size_t kMaxUrlLength = 8000000;
+
+size_t OriginLength(const char* url) {
+    static const char* const kSchemes[] = {"http://", "https://", "ws://", "wss://"};
+    for (const char* scheme : kSchemes) {
+        const size_t n = std::strlen(scheme);
+        if (strncasecmp(url, scheme, n) != 0 || url[n] == '/') continue;
+        const size_t authority = std::strcspn(url + n, "/?#");
+        return authority != 0 ? n + authority : 0;
+    }
+    return 0;
+}
+
+// What libcurl's parser refuses anywhere in a URL: control bytes, DEL,
+// spaces, and more than `room` bytes (what its input limit leaves).
+bool CleanForParser(const char* text, size_t room) {
+    for (size_t n = 0; text[n] != '\0'; ++n) {
+        const unsigned char c = static_cast<unsigned char>(text[n]);
+        if (c <= 0x20 || c == 0x7f || n >= room) return false;
+    }
+    return true;
+}
+
+// The split of the last URL that went through the pin on this thread: an
+// application arms its handles for few servers, and libcurl's URL parser is
+// the dearest step of arming one.
+struct OriginMemo {
+    std::string origin;  // the URL up to the end of its authority; empty: nothing kept
+    std::string host, port;
+    bool pinnable = false;  // a name that needs a look-up, with a port
+};
+
+const OriginMemo& SplitOnce(const char* url) {
+    static thread_local OriginMemo memo;
+    const size_t length = OriginLength(url);
+    if (length != 0 && memo.origin.size() == length && memo.origin.compare(0, length, url, length) == 0 &&
+        CleanForParser(url + length, kMaxUrlLength - length))
+        return memo;
+    memo.origin.clear();
+    memo.pinnable = false;
+    if (!CHttpHandle::SplitUrlHostPort(url, memo.host, memo.port)) return memo;
+    // libcurl refuses an entry without a port and fails the whole transfer,
+    // so a pin that cannot name one is not made. libcurl answers localhost
+    // names itself, with both loopback addresses and without asking the
+    // system: a pin could only take one of them away. A numeric address needs
+    // no look-up from libcurl, so a pin would only cost the resolver call
+    // here and libcurl's parsing of the entry on every transfer.
+    memo.pinnable = !memo.port.empty() && !IsLocalhostName(memo.host) && !IsNumericHost(memo.host);
+    memo.origin.assign(url, length);
+    return memo;
+}
+
 }  // namespace
 
 bool CHttpHandle::SplitUrlHostPort(const char* url, std::string& host, std::string& port) {
@@ -101,18 +160,11 @@ bool CHttpHandle::SplitUrlHostPort(const char* url, std::string& host, std::stri
 }
 
 std::string CHttpHandle::BuildAddressPin(const char* url) {
-    std::string host, port;
-    if (!SplitUrlHostPort(url, host, port)) return {};
-    // libcurl refuses an entry without a port and fails the whole transfer, so
-    // a pin that cannot name one is not made.
-    if (port.empty()) return {};
-    // libcurl answers localhost names itself, with both loopback addresses and
-    // without asking the system: a pin could only take one of them away.
-    if (IsLocalhostName(host)) return {};
-    // A numeric address needs no look-up from libcurl, so a pin would only
-    // cost the resolver call here and libcurl's parsing of the entry on every
-    // transfer.
-    if (IsNumericHost(host)) return {};
+    if (url == nullptr) return {};
+    const OriginMemo& split = SplitOnce(url);
+    if (!split.pinnable) return {};
+    const std::string& host = split.host;
+    const std::string& port = split.port;
 
     struct addrinfo hints;
     std::memset(&hints, 0, sizeof(hints));
