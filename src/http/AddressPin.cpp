@@ -80,6 +80,47 @@ void CollectAddresses(const struct addrinfo* chain, std::string& v4, std::string
     }
 }
 
+// The addresses of `chain` that CollectAddresses reads, raw and in order, into
+// `out`: equal raw lists give equal texts.
+void RawAddresses(const struct addrinfo* chain, std::string& out) {
+    out.clear();
+    for (const struct addrinfo* ai = chain; ai != nullptr; ai = ai->ai_next) {
+        if (ai->ai_addr == nullptr) continue;
+        if (ai->ai_family == AF_INET) {
+            const auto* sin = reinterpret_cast<const sockaddr_in*>(ai->ai_addr);
+            out.append(1, '4').append(reinterpret_cast<const char*>(&sin->sin_addr), sizeof(sin->sin_addr));
+        } else if (ai->ai_family == AF_INET6) {
+            const auto* sin6 = reinterpret_cast<const sockaddr_in6*>(ai->ai_addr);
+            out.append(1, '6').append(reinterpret_cast<const char*>(&sin6->sin6_addr), sizeof(sin6->sin6_addr));
+        }
+    }
+}
+
+// The entry last made on this thread and what it was made from: handles armed
+// for one server get the same entry, and its text is made again only when the
+// resolver's addresses for it change.
+struct EntryMemo {
+    std::string host, port;
+    std::string raw;      // RawAddresses of the chain the entry was made from
+    std::string scratch;  // the chain at hand, compared with `raw`
+    std::string entry;
+};
+
+// "host:port:v4,...,[v6],...", IPv4 first: libcurl tries the addresses the
+// way it tries a resolved name, so a server that answers on one family only
+// is still reached. A pin must never make a transfer fail that would succeed
+// without it. Empty when the chain holds no address.
+std::string MakeEntry(const std::string& host, const std::string& port, const struct addrinfo* chain) {
+    std::string v4, v6;
+    CollectAddresses(chain, v4, v6);
+    if (v4.empty() && v6.empty()) return {};
+    std::string entry;
+    entry.reserve(host.size() + port.size() + v4.size() + v6.size() + 3);
+    entry.append(host).append(1, ':').append(port).append(1, ':').append(v4);
+    if (!v4.empty() && !v6.empty()) entry.append(1, ',');
+    return entry.append(v6);
+}
+
 // "127.0.0.1" or "[::1]", as libcurl's URL parser gives a host.
 bool IsNumericHost(const std::string& host) {
     unsigned char addr[sizeof(struct in6_addr)];
@@ -175,18 +216,15 @@ std::string CHttpHandle::BuildAddressPin(const char* url) {
     auto resolver = hostseek_interface::IHostseekInterface::GetHostseekInstance(3, nullptr);
     // Without a notice this only takes an answer that is at hand now.
     if (resolver->ResolveHost(host.c_str(), &hints, nullptr, nullptr, &result) != 0 || result == nullptr) return {};
-    // Every address at hand goes into the entry, IPv4 first: libcurl tries
-    // them the way it tries a resolved name, so a server that answers on one
-    // family only is still reached. A pin must never make a transfer fail that
-    // would succeed without it.
-    std::string v4, v6;
-    CollectAddresses(result, v4, v6);
-    if (v4.empty() && v6.empty()) return {};
-    std::string entry;
-    entry.reserve(host.size() + port.size() + v4.size() + v6.size() + 3);
-    entry.append(host).append(1, ':').append(port).append(1, ':').append(v4);
-    if (!v4.empty() && !v6.empty()) entry.append(1, ',');
-    return entry.append(v6);
+    static thread_local EntryMemo memo;
+    RawAddresses(result, memo.scratch);
+    if (memo.scratch != memo.raw || memo.host != host || memo.port != port) {
+        memo.entry = MakeEntry(host, port, result);
+        memo.raw.swap(memo.scratch);
+        memo.host = host;
+        memo.port = port;
+    }
+    return memo.entry;
 }
 
 }  // namespace netloop
