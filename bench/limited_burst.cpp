@@ -13,7 +13,6 @@
 // last end. netloop fails the run unless every transfer completed; the
 // baseline reports how many did ("completed", "timed_out").
 #include <curl/curl.h>
-#include <uv.h>
 
 #include <atomic>
 #include <memory>
@@ -22,6 +21,7 @@
 
 #include "common/BenchUtil.h"
 #include "common/CurlPlain.h"
+#include "common/CurlUvDriver.h"
 #include "common/NetloopFrame.h"
 #include "loopback/NginxServer.h"
 #include "loopback/TestTls.h"
@@ -84,34 +84,21 @@ private:
 
 class PlainBurst {
 public:
-    PlainBurst() {
-        uv_loop_init(&m_Loop);
-        uv_timer_init(&m_Loop, &m_Timeout);
-        m_Timeout.data = this;
-        m_Multi = curl_multi_init();
-        curl_multi_setopt(m_Multi, CURLMOPT_SOCKETFUNCTION, &PlainBurst::HandleSocket);
-        curl_multi_setopt(m_Multi, CURLMOPT_SOCKETDATA, this);
-        curl_multi_setopt(m_Multi, CURLMOPT_TIMERFUNCTION, &PlainBurst::StartTimeout);
-        curl_multi_setopt(m_Multi, CURLMOPT_TIMERDATA, this);
-        curl_multi_setopt(m_Multi, CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
-        curl_multi_setopt(m_Multi, CURLMOPT_MAX_PIPELINE_LENGTH, 50L);
-        curl_multi_setopt(m_Multi, CURLMOPT_MAX_HOST_CONNECTIONS, 2L);
-        curl_multi_setopt(m_Multi, CURLMOPT_MAX_TOTAL_CONNECTIONS, 10L);
-        curl_multi_setopt(m_Multi, CURLMOPT_MAXCONNECTS, 4L);
-    }
-    ~PlainBurst() {
-        curl_multi_cleanup(m_Multi);
-        uv_close(reinterpret_cast<uv_handle_t*>(&m_Timeout), nullptr);
-        uv_run(&m_Loop, UV_RUN_DEFAULT);
-        uv_loop_close(&m_Loop);
+    PlainBurst() : m_Driver([this] { Reap(); }) {
+        CURLM* multi = m_Driver.Multi();
+        curl_multi_setopt(multi, CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
+        curl_multi_setopt(multi, CURLMOPT_MAX_PIPELINE_LENGTH, 50L);
+        curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, 2L);
+        curl_multi_setopt(multi, CURLMOPT_MAX_TOTAL_CONNECTIONS, 10L);
+        curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, 4L);
     }
 
     bool Run(const std::string& url, const std::string& ca, uint64_t n, double limitSeconds) {
         m_Total = n;
-        for (uint64_t i = 0; i < n; ++i) curl_multi_add_handle(m_Multi, NewEasy(url, ca));
+        for (uint64_t i = 0; i < n; ++i) curl_multi_add_handle(m_Driver.Multi(), NewEasy(url, ca));
         const double deadline = bench::Now() + limitSeconds;
         while (m_Finished < m_Total) {
-            uv_run(&m_Loop, UV_RUN_ONCE);
+            m_Driver.RunOnce();
             if (bench::Now() > deadline) return false;
         }
         return true;
@@ -119,12 +106,6 @@ public:
     Tally Counts() const { return m_Tally; }
 
 private:
-    struct SocketContext {
-        uv_poll_t poll;
-        curl_socket_t socket;
-        PlainBurst* owner;
-    };
-
     static CURL* NewEasy(const std::string& url, const std::string& ca) {
         CURL* easy = curl_easy_init();
         auto* body = new std::string;
@@ -138,55 +119,11 @@ private:
         return easy;
     }
 
-    static int HandleSocket(CURL*, curl_socket_t s, int action, void* userp, void* socketp) {
-        auto* self = static_cast<PlainBurst*>(userp);
-        auto* ctx = static_cast<SocketContext*>(socketp);
-        if (action == CURL_POLL_IN || action == CURL_POLL_OUT || action == CURL_POLL_INOUT) {
-            if (ctx == nullptr) {
-                ctx = new SocketContext;
-                ctx->socket = s;
-                ctx->owner = self;
-                uv_poll_init_socket(&self->m_Loop, &ctx->poll, s);
-                ctx->poll.data = ctx;
-                curl_multi_assign(self->m_Multi, s, ctx);
-            }
-            int events = 0;
-            if (action != CURL_POLL_OUT) events |= UV_READABLE;
-            if (action != CURL_POLL_IN) events |= UV_WRITABLE;
-            uv_poll_start(&ctx->poll, events, &PlainBurst::OnPoll);
-        } else if (action == CURL_POLL_REMOVE && ctx != nullptr) {
-            uv_poll_stop(&ctx->poll);
-            uv_close(reinterpret_cast<uv_handle_t*>(&ctx->poll),
-                     [](uv_handle_t* h) { delete static_cast<SocketContext*>(h->data); });
-            curl_multi_assign(self->m_Multi, s, nullptr);
-        }
-        return 0;
-    }
-
-    static void OnPoll(uv_poll_t* poll, int, int events) {
-        auto* ctx = static_cast<SocketContext*>(poll->data);
-        int flags = 0;
-        if (events & UV_READABLE) flags |= CURL_CSELECT_IN;
-        if (events & UV_WRITABLE) flags |= CURL_CSELECT_OUT;
-        ctx->owner->Action(ctx->socket, flags);
-    }
-
-    static int StartTimeout(CURLM*, long timeoutMs, void* userp) {
-        auto* self = static_cast<PlainBurst*>(userp);
-        if (timeoutMs < 0)
-            uv_timer_stop(&self->m_Timeout);
-        else
-            uv_timer_start(&self->m_Timeout, &PlainBurst::OnTimeout, static_cast<uint64_t>(timeoutMs), 0);
-        return 0;
-    }
-
-    static void OnTimeout(uv_timer_t* timer) { static_cast<PlainBurst*>(timer->data)->Action(CURL_SOCKET_TIMEOUT, 0); }
-
-    void Action(curl_socket_t socket, int flags) {
-        int running = 0;
-        curl_multi_socket_action(m_Multi, socket, flags, &running);
+    // Counts the finished transfers and lets them go.
+    void Reap() {
+        CURLM* multi = m_Driver.Multi();
         int left = 0;
-        while (CURLMsg* msg = curl_multi_info_read(m_Multi, &left)) {
+        while (CURLMsg* msg = curl_multi_info_read(multi, &left)) {
             if (msg->msg != CURLMSG_DONE) continue;
             CURL* easy = msg->easy_handle;
             const CURLcode result = msg->data.result;
@@ -198,18 +135,16 @@ private:
                 ++m_Tally.ok;
             else
                 ++(result == CURLE_OPERATION_TIMEDOUT ? m_Tally.timedOut : m_Tally.failed);
-            curl_multi_remove_handle(m_Multi, easy);
+            curl_multi_remove_handle(multi, easy);
             curl_easy_cleanup(easy);
             delete body;
             ++m_Finished;
         }
     }
 
-    uv_loop_t m_Loop;
-    uv_timer_t m_Timeout;
-    CURLM* m_Multi = nullptr;
     uint64_t m_Total = 0, m_Finished = 0;
     Tally m_Tally;
+    bench::CurlUvDriver m_Driver;  // last: made after, and gone before, what its callback counts
 };
 
 int Report(bench::Result& res, const Tally& tally, uint64_t n, double seconds, bool mustComplete) {

@@ -16,7 +16,6 @@
 // Figure: requests per second.
 #include <curl/curl.h>
 #include <unistd.h>
-#include <uv.h>
 
 #include <atomic>
 #include <cstdio>
@@ -27,6 +26,7 @@
 
 #include "common/BenchUtil.h"
 #include "common/CurlPlain.h"
+#include "common/CurlUvDriver.h"
 #include "common/NetloopFrame.h"
 #include "common/NetloopGets.h"
 #include "netloop/IHttpInterface.h"
@@ -133,32 +133,17 @@ private:
 
 class MultiUvGets {
 public:
-    explicit MultiUvGets(std::string url) : m_Url(std::move(url)) {
-        uv_loop_init(&m_Loop);
-        uv_timer_init(&m_Loop, &m_Timeout);
-        m_Timeout.data = this;
-        m_Multi = curl_multi_init();
-        curl_multi_setopt(m_Multi, CURLMOPT_SOCKETFUNCTION, &MultiUvGets::HandleSocket);
-        curl_multi_setopt(m_Multi, CURLMOPT_SOCKETDATA, this);
-        curl_multi_setopt(m_Multi, CURLMOPT_TIMERFUNCTION, &MultiUvGets::StartTimeout);
-        curl_multi_setopt(m_Multi, CURLMOPT_TIMERDATA, this);
-    }
-    ~MultiUvGets() {
-        curl_multi_cleanup(m_Multi);
-        uv_close(reinterpret_cast<uv_handle_t*>(&m_Timeout), nullptr);
-        uv_run(&m_Loop, UV_RUN_DEFAULT);
-        uv_loop_close(&m_Loop);
-    }
+    explicit MultiUvGets(std::string url) : m_Url(std::move(url)), m_Driver([this] { CheckMultiInfo(); }) {}
 
     bool Run(uint64_t n, int concurrency, double limitSeconds) {
         m_Total = n;
         m_Started = 0;
         m_Finished = 0;
         for (int i = 0; i < concurrency && m_Started < n; ++i, ++m_Started)
-            curl_multi_add_handle(m_Multi, NewEasy(m_Url));
+            curl_multi_add_handle(m_Driver.Multi(), NewEasy(m_Url));
         const double deadline = bench::Now() + limitSeconds;
         while (m_Finished < m_Total) {
-            uv_run(&m_Loop, UV_RUN_ONCE);
+            m_Driver.RunOnce();
             if (bench::Now() > deadline) return false;
         }
         return true;
@@ -166,76 +151,12 @@ public:
     Tally Counts() const { return m_Tally; }
 
 private:
-    struct SocketContext {
-        uv_poll_t poll;
-        curl_socket_t socket;
-        MultiUvGets* owner;
-    };
-
-    static int HandleSocket(CURL*, curl_socket_t s, int action, void* userp, void* socketp) {
-        auto* self = static_cast<MultiUvGets*>(userp);
-        auto* ctx = static_cast<SocketContext*>(socketp);
-        if (action == CURL_POLL_IN || action == CURL_POLL_OUT || action == CURL_POLL_INOUT) {
-            if (ctx == nullptr) {
-                ctx = new SocketContext;
-                ctx->socket = s;
-                ctx->owner = self;
-                uv_poll_init_socket(&self->m_Loop, &ctx->poll, s);
-                ctx->poll.data = ctx;
-                curl_multi_assign(self->m_Multi, s, ctx);
-            }
-            int events = 0;
-            if (action != CURL_POLL_OUT) events |= UV_READABLE;
-            if (action != CURL_POLL_IN) events |= UV_WRITABLE;
-            uv_poll_start(&ctx->poll, events, &MultiUvGets::OnPoll);
-        } else if (action == CURL_POLL_REMOVE && ctx != nullptr) {
-            uv_poll_stop(&ctx->poll);
-            uv_close(reinterpret_cast<uv_handle_t*>(&ctx->poll),
-                     [](uv_handle_t* h) { delete static_cast<SocketContext*>(h->data); });
-            curl_multi_assign(self->m_Multi, s, nullptr);
-        }
-        return 0;
-    }
-
-    static void OnPoll(uv_poll_t* poll, int, int events) {
-        auto* ctx = static_cast<SocketContext*>(poll->data);
-        MultiUvGets* self = ctx->owner;
-        int flags = 0;
-        if (events & UV_READABLE) flags |= CURL_CSELECT_IN;
-        if (events & UV_WRITABLE) flags |= CURL_CSELECT_OUT;
-        int running = 0;
-        curl_multi_socket_action(self->m_Multi, ctx->socket, flags, &running);
-        self->CheckMultiInfo();
-    }
-
-    static int StartTimeout(CURLM*, long timeoutMs, void* userp) {
-        auto* self = static_cast<MultiUvGets*>(userp);
-        if (timeoutMs < 0) {
-            uv_timer_stop(&self->m_Timeout);
-        } else {
-            // 0 means "as soon as possible": a 0 ms libuv timer runs on the
-            // loop's next pass. (libcurl's multi-uv example waits 1 ms instead,
-            // which costs a millisecond per step when few transfers run.)
-            uv_timer_start(&self->m_Timeout, &MultiUvGets::OnTimeout, static_cast<uint64_t>(timeoutMs), 0);
-        }
-        return 0;
-    }
-
-    static void OnTimeout(uv_timer_t* timer) {
-        auto* self = static_cast<MultiUvGets*>(timer->data);
-        int running = 0;
-        curl_multi_socket_action(self->m_Multi, CURL_SOCKET_TIMEOUT, 0, &running);
-        self->CheckMultiInfo();
-    }
-
-    void CheckMultiInfo() { m_Finished += ReapFinished(m_Multi, m_Url, m_Started, m_Total, m_Tally); }
+    void CheckMultiInfo() { m_Finished += ReapFinished(m_Driver.Multi(), m_Url, m_Started, m_Total, m_Tally); }
 
     std::string m_Url;
-    uv_loop_t m_Loop;
-    uv_timer_t m_Timeout;
-    CURLM* m_Multi = nullptr;
     uint64_t m_Total = 0, m_Started = 0, m_Finished = 0;
     Tally m_Tally;
+    bench::CurlUvDriver m_Driver;  // last: made after, and gone before, what its callback counts
 };
 
 // ---------------------------------------------------------------------------
