@@ -96,12 +96,7 @@ public:
     bool Run(const std::string& url, const std::string& ca, uint64_t n, double limitSeconds) {
         m_Total = n;
         for (uint64_t i = 0; i < n; ++i) curl_multi_add_handle(m_Driver.Multi(), NewEasy(url, ca));
-        const double deadline = bench::Now() + limitSeconds;
-        while (m_Finished < m_Total) {
-            m_Driver.RunOnce();
-            if (bench::Now() > deadline) return false;
-        }
-        return true;
+        return m_Driver.RunUntil([this] { return m_Finished >= m_Total; }, limitSeconds);
     }
     Tally Counts() const { return m_Tally; }
 

@@ -141,12 +141,7 @@ public:
         m_Finished = 0;
         for (int i = 0; i < concurrency && m_Started < n; ++i, ++m_Started)
             curl_multi_add_handle(m_Driver.Multi(), NewEasy(m_Url));
-        const double deadline = bench::Now() + limitSeconds;
-        while (m_Finished < m_Total) {
-            m_Driver.RunOnce();
-            if (bench::Now() > deadline) return false;
-        }
-        return true;
+        return m_Driver.RunUntil([this] { return m_Finished >= m_Total; }, limitSeconds);
     }
     Tally Counts() const { return m_Tally; }
 

@@ -13,6 +13,8 @@
 #include <functional>
 #include <utility>
 
+#include "common/BenchUtil.h"
+
 namespace bench {
 
 class CurlUvDriver {
@@ -37,8 +39,16 @@ public:
     CurlUvDriver& operator=(const CurlUvDriver&) = delete;
 
     CURLM* Multi() const { return m_Multi; }
-    // One pass of the loop: waits for a socket or the timer, then acts on it.
-    void RunOnce() { uv_run(&m_Loop, UV_RUN_ONCE); }
+    // Runs passes of the loop until `done` holds (true) or `limitSeconds` have
+    // gone by (false).
+    bool RunUntil(const std::function<bool()>& done, double limitSeconds) {
+        const double deadline = Now() + limitSeconds;
+        while (!done()) {
+            uv_run(&m_Loop, UV_RUN_ONCE);
+            if (Now() > deadline) return false;
+        }
+        return true;
+    }
 
 private:
     struct SocketContext {
